@@ -1,0 +1,46 @@
+# Every source of the library, by layer.
+set(OSTREL_FOUNDATION_SOURCES
+  foundation/SString.cpp
+  foundation/Trace.cpp
+  foundation/Threads.cpp
+  foundation/DateTime.cpp
+  foundation/ResManager.cpp
+  foundation/Scrambler.cpp
+  foundation/Codeset.cpp
+  foundation/${OSTREL_PLATFORM_DIR}/LocalTime.cpp
+  foundation/${OSTREL_PLATFORM_DIR}/SharedLibrary.cpp
+)
+
+set(OSTREL_LOGIC_SOURCES
+  authentication/ostrel/ErrorManager.cpp
+  authentication/ostrel/HandlerFactory.cpp
+  authentication/ostrel/SSOSession.cpp
+  authentication/ostrel/SessionManager.cpp
+  authentication/ostrel/ThreadTokenHandler.cpp
+  authentication/ostrel/Parameters.cpp
+  authentication/ostrel/SSOException.cpp
+  authentication/ostrel/StaticToken.cpp
+  authentication/ostrel/SecContextCache.cpp
+  authentication/ostrel/ContextManager.cpp
+  authentication/ostrel/SSOImpl.cpp
+  authentication/ostrel/ostrelplugin_impl.cpp
+)
+
+if(WIN32)
+  set(OSTREL_PLATFORM_SOURCES
+    platform/win32/Win32SystemApi.cpp
+    platform/win32/Win32TokenApi.cpp
+  )
+else()
+  set(OSTREL_PLATFORM_SOURCES
+    platform/linux/LinuxCredentials.cpp
+    platform/linux/LinuxSystemApi.cpp
+    platform/linux/LinuxTokenApi.cpp
+  )
+endif()
+
+set(OSTREL_SOURCES ${OSTREL_FOUNDATION_SOURCES} ${OSTREL_LOGIC_SOURCES} ${OSTREL_PLATFORM_SOURCES})
+set(OSTREL_SYSTEM_LIBS)
+if(WIN32)
+  list(APPEND OSTREL_SYSTEM_LIBS advapi32)
+endif()
