@@ -13,6 +13,9 @@ set(OSTREL_FOUNDATION_SOURCES
 
 set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/ErrorManager.cpp
+  authentication/ostrel/GSSAPICredentials.cpp
+  authentication/ostrel/GSSAPIDllWrapper.cpp
+  authentication/ostrel/GSSAPIHandler.cpp
   authentication/ostrel/HandlerFactory.cpp
   authentication/ostrel/SSOSession.cpp
   authentication/ostrel/SessionManager.cpp
@@ -28,11 +31,13 @@ set(OSTREL_LOGIC_SOURCES
 
 if(WIN32)
   set(OSTREL_PLATFORM_SOURCES
+    platform/win32/GssLibraryName.cpp
     platform/win32/Win32SystemApi.cpp
     platform/win32/Win32TokenApi.cpp
   )
 else()
   set(OSTREL_PLATFORM_SOURCES
+    platform/linux/GssLibraryName.cpp
     platform/linux/LinuxCredentials.cpp
     platform/linux/LinuxSystemApi.cpp
     platform/linux/LinuxTokenApi.cpp

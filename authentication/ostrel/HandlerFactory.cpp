@@ -3,6 +3,7 @@
 #include <atomic>
 #include <new>
 
+#include "GSSAPIHandler.h"
 #include "ThreadTokenHandler.h"
 #include "foundation/Trace.h"
 
@@ -95,10 +96,13 @@ CSmartRefCountPtr<SSOHandler> SSOHandlerFactory::GetHandler(const SWCharString& 
     }
 
     try {
-        // The Kerberos providers are not part of this build yet: refused like any unknown name.
+        // "SSPI" is not part of this build yet: refused like any unknown name.
         if (i_ssType == g_ssProviderThreadToken) {
             CheckAllocationSeam();
             pHandler = new ThreadTokenHandler();
+        } else if (i_ssType == g_ssProviderGSSAPI) {
+            CheckAllocationSeam();
+            pHandler = new GSSAPIHandler();
         }
     } catch (std::bad_alloc&) {
         SASSERT_FAIL("SSOHandlerFactory::GetHandler() -- Out of memory!");

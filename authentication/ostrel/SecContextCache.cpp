@@ -78,7 +78,8 @@ void SecContextUpdateThread::CleanUp() {
         TokenMap::Iterator itr(mapCopy);
         while (!itr.isAtEnd()) {
             if (isStopped()) {
-                STRACE("ssoplugin: SecContextUpdateThread::CleanUp() -- Thread has been stopped; aborting cleanup scan");
+                STRACE(
+                    "ssoplugin: SecContextUpdateThread::CleanUp() -- Thread has been stopped; aborting cleanup scan");
                 return;
             }
             const SWCharString& ssKey = itr.key();
@@ -94,9 +95,10 @@ void SecContextUpdateThread::CleanUp() {
                 // Tested again under the write lock, so no Impersonate slips in before the removal.
                 if (pToken->IsExpired(i_now)) {
                     if (pToken->IsImpersonated()) {
-                        STRACE("ssoplugin: SecContextUpdateThread::CleanUp() -- %1 is expired but impersonated -- "
-                               "remove later.",
-                               ssKey);
+                        STRACE(
+                            "ssoplugin: SecContextUpdateThread::CleanUp() -- %1 is expired but impersonated -- "
+                            "remove later.",
+                            ssKey);
                     } else {
                         m_pCache->m_mapCachedContexts.RemoveKey(ssKey);
                         STRACE("ssoplugin: SecContextUpdateThread::CleanUp() -- %1 has been removed.", ssKey);
@@ -252,6 +254,7 @@ void SecContextCache::StartUpdateThread() {
     }
 
     try {
+        // A thread-library failure swallowed above leaves nothing to start.
         if (!m_hUpdateThread) {
             throw SSOException(STATUS_FAILURE);
         }
@@ -280,8 +283,9 @@ void SecContextCache::StopUpdateThread() {
             m_hUpdateThread->join(5000);
         } catch (JTCInterruptedException&) {
         } catch (...) {
-            SASSERT_FAIL("ssoplugin: SecContextCache::StopUpdateThread() -- Unexpected exception while joining the "
-                         "thread.");
+            SASSERT_FAIL(
+                "ssoplugin: SecContextCache::StopUpdateThread() -- Unexpected exception while joining the "
+                "thread.");
             break;
         }
     } while (m_hUpdateThread && m_hUpdateThread->isAlive());

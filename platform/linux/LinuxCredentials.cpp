@@ -117,8 +117,8 @@ bool ReadProcessStatus(Identity& o_identity) {
 
 int SwitchThreadTo(const Identity& i_identity) {
     // Groups and gid need CAP_SETGID, which leaves the effective set with uid 0: uid last.
-    if (int e = ErrnoOf(syscall(SYS_setgroups, static_cast<long>(i_identity.m_arrGroups.size()),
-                                i_identity.m_arrGroups.data()))) {
+    if (int e = ErrnoOf(
+            syscall(SYS_setgroups, static_cast<long>(i_identity.m_arrGroups.size()), i_identity.m_arrGroups.data()))) {
         return e;
     }
     if (int e = ErrnoOf(syscall(SYS_setresgid, kKeep, Arg(i_identity.m_nGid), kKeep))) {
@@ -133,8 +133,8 @@ int RestoreThread(const KernelCredentials& i_original) {
     if (int e = ErrnoOf(syscall(SYS_setresuid, kKeep, Arg(i_original.m_nEffectiveUid), kKeep))) {
         return e;
     }
-    if (int e = ErrnoOf(syscall(SYS_setgroups, static_cast<long>(i_original.m_arrGroups.size()),
-                                i_original.m_arrGroups.data()))) {
+    if (int e = ErrnoOf(
+            syscall(SYS_setgroups, static_cast<long>(i_original.m_arrGroups.size()), i_original.m_arrGroups.data()))) {
         return e;
     }
     if (int e = ErrnoOf(syscall(SYS_setresgid, Arg(i_original.m_nRealGid), Arg(i_original.m_nEffectiveGid),

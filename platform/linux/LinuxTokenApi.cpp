@@ -93,8 +93,16 @@ struct ThreadState {
 thread_local ThreadState t_state;
 
 // While the main thread impersonates, /proc shows its borrowed identity, not the process's.
-std::mutex g_mainLock;
-std::optional<Identity> g_mainOriginal;
+struct MainThreadRecord {
+    std::mutex m_lock;
+    std::optional<Identity> m_original;
+};
+
+MainThreadRecord& MainRecord() {
+    // Never destroyed, like the token table.
+    static MainThreadRecord* s_pRecord = new MainThreadRecord;
+    return *s_pRecord;
+}
 
 const Identity& IdentityAtLoad() {
     static const Identity s_identity = [] {
@@ -108,9 +116,10 @@ const Identity& IdentityAtLoad() {
 
 Identity ProcessIdentity() {
     {
-        std::lock_guard<std::mutex> guard(g_mainLock);
-        if (g_mainOriginal) {
-            return *g_mainOriginal;
+        MainThreadRecord& record = MainRecord();
+        std::lock_guard<std::mutex> guard(record.m_lock);
+        if (record.m_original) {
+            return *record.m_original;
         }
     }
     Identity identity;
@@ -121,8 +130,9 @@ Identity ProcessIdentity() {
 }
 
 void SetMainOriginal(const std::optional<Identity>& i_original) {
-    std::lock_guard<std::mutex> guard(g_mainLock);
-    g_mainOriginal = i_original;
+    MainThreadRecord& record = MainRecord();
+    std::lock_guard<std::mutex> guard(record.m_lock);
+    record.m_original = i_original;
 }
 
 DWORD ErrorFromErrno(int i_nErrno) {
@@ -138,7 +148,9 @@ DWORD ErrorFromErrno(int i_nErrno) {
     }
 }
 
-DWORD EffectiveAccess(DWORD i_dwDesired) { return (i_dwDesired & MAXIMUM_ALLOWED) != 0 ? TOKEN_ALL_ACCESS : i_dwDesired; }
+DWORD EffectiveAccess(DWORD i_dwDesired) {
+    return (i_dwDesired & MAXIMUM_ALLOWED) != 0 ? TOKEN_ALL_ACCESS : i_dwDesired;
+}
 
 BOOL NewToken(const Identity& i_identity, DWORD i_dwAccess, TOKEN_TYPE i_eType, PHANDLE o_phToken) {
     try {
@@ -195,8 +207,7 @@ HANDLE LinuxTokenApi::GetCurrentThread() { return kCurrentThread; }
 
 HANDLE LinuxTokenApi::GetCurrentProcess() { return kCurrentProcess; }
 
-BOOL LinuxTokenApi::OpenThreadToken(HANDLE ThreadHandle, DWORD DesiredAccess, BOOL OpenAsSelf,
-                                    PHANDLE TokenHandle) {
+BOOL LinuxTokenApi::OpenThreadToken(HANDLE ThreadHandle, DWORD DesiredAccess, BOOL OpenAsSelf, PHANDLE TokenHandle) {
     (void)OpenAsSelf;
     if (TokenHandle == nullptr) {
         return FailWith(ERROR_INVALID_PARAMETER);
@@ -308,8 +319,7 @@ BOOL LinuxTokenApi::RevertToSelf() {
 }
 
 BOOL LinuxTokenApi::GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass,
-                                        LPVOID TokenInformation, DWORD TokenInformationLength,
-                                        PDWORD ReturnLength) {
+                                        LPVOID TokenInformation, DWORD TokenInformationLength, PDWORD ReturnLength) {
     if (ReturnLength == nullptr) {
         return FailWith(ERROR_INVALID_PARAMETER);
     }

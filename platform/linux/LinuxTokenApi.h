@@ -60,8 +60,8 @@ public:
     BOOL ImpersonateLoggedOnUser(HANDLE hToken) override;
     BOOL RevertToSelf() override;
     // TokenUser and TokenGroups (the primary group first, then the others).
-    BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass,
-                             LPVOID TokenInformation, DWORD TokenInformationLength, PDWORD ReturnLength) override;
+    BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass, LPVOID TokenInformation,
+                             DWORD TokenInformationLength, PDWORD ReturnLength) override;
     BOOL IsValidSid(PSID pSid) override;
     PSID_IDENTIFIER_AUTHORITY GetSidIdentifierAuthority(PSID pSid) override;
     PUCHAR GetSidSubAuthorityCount(PSID pSid) override;

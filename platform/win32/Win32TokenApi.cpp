@@ -16,8 +16,8 @@ public:
     }
     BOOL ImpersonateLoggedOnUser(HANDLE hToken) override { return ::ImpersonateLoggedOnUser(hToken); }
     BOOL RevertToSelf() override { return ::RevertToSelf(); }
-    BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass,
-                             LPVOID TokenInformation, DWORD TokenInformationLength, PDWORD ReturnLength) override {
+    BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass, LPVOID TokenInformation,
+                             DWORD TokenInformationLength, PDWORD ReturnLength) override {
         return ::GetTokenInformation(TokenHandle, TokenInformationClass, TokenInformation, TokenInformationLength,
                                      ReturnLength);
     }

@@ -51,7 +51,7 @@ public:
                       ostrel::Parameters&) override {
         Refuse();
     }
-    ostrel::SSOSessionPtr CreateSession(const ostrel::ParasSeq*) override { Refuse(); }
+    ostrel::SSOSessionPtr CreateSession(const ParasSeq*) override { Refuse(); }
     ostrel::SSOCredentialsPtr CreateClientCredentials(const Tarvik500::SWCharString&, const Tarvik500::SWCharString&,
                                                       int) override {
         Refuse();
@@ -72,7 +72,8 @@ class ScopedFakeProvider {
 public:
     explicit ScopedFakeProvider(int64_t i_nCacheExpiryMs = 0, uint8_t i_nThresholdPercentage = 5,
                                 bool i_bRenewalsAllowed = true)
-        : m_ssName(NextName()), m_pHandler(new FakeHandler(i_nCacheExpiryMs, i_nThresholdPercentage, i_bRenewalsAllowed)) {
+        : m_ssName(NextName()),
+          m_pHandler(new FakeHandler(i_nCacheExpiryMs, i_nThresholdPercentage, i_bRenewalsAllowed)) {
         ostrel::SSOHandlerFactory::instance()->SetHandlerForTesting(m_ssName, m_pHandler);
     }
     ~ScopedFakeProvider() { ostrel::SSOHandlerFactory::instance()->SetHandlerForTesting(m_ssName, nullptr); }
@@ -95,7 +96,7 @@ private:
 };
 
 // A token whose credential runs out at a set instant (never, by default), like a
-// Kerberos context: the lifetimes are measured from that instant.
+// mechanism's context: the lifetimes are measured from that instant.
 class FakeToken : public ostrel::StaticToken {
 public:
     enum class Renewal { Succeed, Fail, ThrowSSOException, ThrowOther };

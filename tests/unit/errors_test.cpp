@@ -19,7 +19,9 @@ SIArray<SWCharString> Strings(std::initializer_list<const ostrel_char*> i_texts)
     return arr;
 }
 
-std::u16string Text(const ostrel_char* p) { return p == nullptr ? u"<null>" : std::u16string(reinterpret_cast<const char16_t*>(p)); }
+std::u16string Text(const ostrel_char* p) {
+    return p == nullptr ? u"<null>" : std::u16string(reinterpret_cast<const char16_t*>(p));
+}
 
 }  // namespace
 
@@ -27,7 +29,7 @@ TEST(ErrorRecords, CarryStatusIdAndSubstitutionsInOrder) {
     ostrel_test::TraceCapture capture;
     // Four strings are more than a message has places for: reported, and all copied.
     Plugin_Exception_Struct* pError =
-        CreateErrorStruct(SSOException(100, 61778, Strings({u"one", u"", u"three", u"four"})));
+        CreateErrorStruct(SSOException(100, 61778, Strings({OSTREL_T("one"), OSTREL_T(""), OSTREL_T("three"), OSTREL_T("four")})));
     ASSERT_NE(pError, nullptr);
     EXPECT_EQ(pError->errCode, 100u);
     EXPECT_EQ(pError->messageId, 61778u);
@@ -83,7 +85,7 @@ TEST(ErrorManagerTest, RecordsOfThreadsThatEndedAreFreedWithTheManager) {
     CSmartRefCountPtr<ErrorManager> pManager = new ErrorManager();
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] { pManager->SetThreadError(SSOException(100, 61778, Strings({u"GSSAPI"}))); });
+        threads.emplace_back([&] { pManager->SetThreadError(SSOException(100, 61778, Strings({OSTREL_T("GSSAPI")}))); });
     }
     for (auto& t : threads) {
         t.join();

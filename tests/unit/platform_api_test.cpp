@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <thread>
@@ -88,17 +89,28 @@ TEST(PlatformOverrideTest, SystemFakeSeenByOtherThreadsAndRestored) {
 }
 
 TEST(PlatformSystemTest, LastErrorBelongsToEachThread) {
-    System().SetLastError(1111);
+    std::atomic<int> nStep{0};
     DWORD dwAtStart = 99;
     DWORD dwAfterOwnSet = 0;
-    std::thread([&] {
+    std::thread other([&] {
+        while (nStep.load() != 1) {
+        }
         dwAtStart = System().GetLastError();
         System().SetLastError(2222);
         dwAfterOwnSet = System().GetLastError();
-    }).join();
+        nStep = 2;
+    });
+    // Between the set and the read no other system call runs here: on Windows
+    // starting and joining threads succeed by resetting the last error.
+    System().SetLastError(1111);
+    nStep = 1;
+    while (nStep.load() != 2) {
+    }
+    const DWORD dwOwn = System().GetLastError();
+    other.join();
+    EXPECT_EQ(dwOwn, 1111u);
     EXPECT_EQ(dwAtStart, kSuccess);
     EXPECT_EQ(dwAfterOwnSet, 2222u);
-    EXPECT_EQ(System().GetLastError(), 1111u);
 }
 
 SYSTEMTIME Convert(uint64_t i_nTicks) {
@@ -125,9 +137,9 @@ uint64_t TicksOfUnix(uint64_t i_nSeconds, uint64_t i_nMilliseconds) {
 }
 
 TEST(PlatformSystemTest, FileTimeToSystemTimeCountsFrom1601) {
-    ExpectTime(Convert(0), 1601, 1, 1, 1, 0, 0, 0, 0);                  // a Monday
-    ExpectTime(Convert(9999), 1601, 1, 1, 1, 0, 0, 0, 0);               // below a millisecond
-    ExpectTime(Convert(kUnixEpochTicks), 1970, 1, 4, 1, 0, 0, 0, 0);    // a Thursday
+    ExpectTime(Convert(0), 1601, 1, 1, 1, 0, 0, 0, 0);                // a Monday
+    ExpectTime(Convert(9999), 1601, 1, 1, 1, 0, 0, 0, 0);             // below a millisecond
+    ExpectTime(Convert(kUnixEpochTicks), 1970, 1, 4, 1, 0, 0, 0, 0);  // a Thursday
     ExpectTime(Convert(TicksOfUnix(951827696, 789)), 2000, 2, 2, 29, 12, 34, 56, 789);
     ExpectTime(Convert(TicksOfUnix(4107542399, 999)), 2100, 2, 0, 28, 23, 59, 59, 999);
     ExpectTime(Convert(TicksOfUnix(4107542400, 0)), 2100, 3, 1, 1, 0, 0, 0, 0);  // no 29th in 2100
@@ -154,8 +166,8 @@ TEST(PlatformSystemTest, FormatMessageAllocatesTextForKnownErrorsOnly) {
 
     LPWSTR pNone = nullptr;
     EXPECT_EQ(System().FormatMessageW(
-                  FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                  nullptr, 0x2FFFFFFFu, 1024, reinterpret_cast<LPWSTR>(&pNone), 0, nullptr),
+                  FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                  0x2FFFFFFFu, 1024, reinterpret_cast<LPWSTR>(&pNone), 0, nullptr),
               0u);
     EXPECT_EQ(System().GetLastError(), kMessageNotFound);
     EXPECT_EQ(pNone, nullptr);

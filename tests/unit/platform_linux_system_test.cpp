@@ -13,7 +13,8 @@ namespace {
 using ostrel::platform::linuxport::LinuxSystemApi;
 using ostrel::platform::linuxport::PortLastError;
 
-constexpr DWORD kUsualFlags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
+constexpr DWORD kUsualFlags =
+    FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
 
 std::string Narrow(const ostrel_char* p) {
     std::string s;
@@ -26,8 +27,8 @@ std::string Narrow(const ostrel_char* p) {
 // The text as the logic asks for it; empty when there is none.
 std::string TextOf(LinuxSystemApi& api, DWORD dwError, DWORD dwLanguage = 1024) {
     LPWSTR p = nullptr;
-    const DWORD n = api.FormatMessageW(kUsualFlags, nullptr, dwError, dwLanguage, reinterpret_cast<LPWSTR>(&p), 0,
-                                       nullptr);
+    const DWORD n =
+        api.FormatMessageW(kUsualFlags, nullptr, dwError, dwLanguage, reinterpret_cast<LPWSTR>(&p), 0, nullptr);
     if (n == 0) {
         EXPECT_EQ(p, nullptr);
         return std::string();
@@ -40,11 +41,21 @@ std::string TextOf(LinuxSystemApi& api, DWORD dwError, DWORD dwLanguage = 1024) 
 
 TEST(LinuxSystemTest, EachErrorNumberHasItsOwnReadableSentence) {
     LinuxSystemApi api;
-    const DWORD codes[] = {ERROR_SUCCESS,          ERROR_ACCESS_DENIED,     ERROR_INVALID_HANDLE,
-                           ERROR_NOT_ENOUGH_MEMORY, ERROR_NOT_SUPPORTED,     ERROR_INVALID_PARAMETER,
-                           ERROR_INSUFFICIENT_BUFFER, ERROR_MR_MID_NOT_FOUND, ERROR_ARITHMETIC_OVERFLOW,
-                           ERROR_NOACCESS,          ERROR_NO_TOKEN,          ERROR_PRIVILEGE_NOT_HELD,
-                           ERROR_INVALID_SID,       ERROR_BAD_IMPERSONATION_LEVEL, ERROR_RESOURCE_LANG_NOT_FOUND};
+    const DWORD codes[] = {ERROR_SUCCESS,
+                           ERROR_ACCESS_DENIED,
+                           ERROR_INVALID_HANDLE,
+                           ERROR_NOT_ENOUGH_MEMORY,
+                           ERROR_NOT_SUPPORTED,
+                           ERROR_INVALID_PARAMETER,
+                           ERROR_INSUFFICIENT_BUFFER,
+                           ERROR_MR_MID_NOT_FOUND,
+                           ERROR_ARITHMETIC_OVERFLOW,
+                           ERROR_NOACCESS,
+                           ERROR_NO_TOKEN,
+                           ERROR_PRIVILEGE_NOT_HELD,
+                           ERROR_INVALID_SID,
+                           ERROR_BAD_IMPERSONATION_LEVEL,
+                           ERROR_RESOURCE_LANG_NOT_FOUND};
     std::set<std::string> seen;
     for (DWORD code : codes) {
         const std::string text = TextOf(api, code);
@@ -85,13 +96,12 @@ TEST(LinuxSystemTest, CallersBufferMustHoldTextAndTerminator) {
 
     EXPECT_EQ(api.FormatMessageW(flags, nullptr, ERROR_INVALID_HANDLE, 0, buffer.data(), nFit - 1, nullptr), 0u);
     EXPECT_EQ(PortLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(api.FormatMessageW(flags, nullptr, ERROR_INVALID_HANDLE, 0, buffer.data(), nFit, nullptr),
-              nFit - 1);
+    EXPECT_EQ(api.FormatMessageW(flags, nullptr, ERROR_INVALID_HANDLE, 0, buffer.data(), nFit, nullptr), nFit - 1);
     EXPECT_EQ(Narrow(buffer.c_str()), expected);
     EXPECT_EQ(buffer[nFit], u'#');
 
-    EXPECT_EQ(api.FormatMessageW(FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, ERROR_INVALID_HANDLE, 0, buffer.data(),
-                                 nFit, nullptr),
+    EXPECT_EQ(api.FormatMessageW(FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, ERROR_INVALID_HANDLE, 0, buffer.data(), nFit,
+                                 nullptr),
               0u);
     EXPECT_EQ(PortLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_EQ(api.FormatMessageW(flags, nullptr, ERROR_INVALID_HANDLE, 0, nullptr, nFit, nullptr), 0u);

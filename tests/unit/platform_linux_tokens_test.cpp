@@ -498,13 +498,13 @@ TEST(LinuxTokenRootTest, ThreadWithoutTheCapabilityIsIdentifiedOnly) {
     std::thread([&] {
         const gid_t groups[] = {kNobody};
         ASSERT_EQ(syscall(SYS_setgroups, 1L, groups), 0);
-        ASSERT_EQ(syscall(SYS_setresgid, static_cast<long>(kNobody), static_cast<long>(kNobody),
-                          static_cast<long>(kNobody)),
-                  0);
+        ASSERT_EQ(
+            syscall(SYS_setresgid, static_cast<long>(kNobody), static_cast<long>(kNobody), static_cast<long>(kNobody)),
+            0);
         // All three uids non-zero: the kernel drops every capability.
-        ASSERT_EQ(syscall(SYS_setresuid, static_cast<long>(kNobody), static_cast<long>(kNobody),
-                          static_cast<long>(kNobody)),
-                  0);
+        ASSERT_EQ(
+            syscall(SYS_setresuid, static_cast<long>(kNobody), static_cast<long>(kNobody), static_cast<long>(kNobody)),
+            0);
         EXPECT_FALSE(api.SwitchesKernelCredentials());
         RevertOnExit revert{api};
         ASSERT_TRUE(api.ImpersonateLoggedOnUser(hDaemon));

@@ -19,8 +19,7 @@ public:
     virtual BOOL ImpersonateLoggedOnUser(HANDLE hToken) = 0;
     virtual BOOL RevertToSelf() = 0;
     virtual BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass,
-                                     LPVOID TokenInformation, DWORD TokenInformationLength,
-                                     PDWORD ReturnLength) = 0;
+                                     LPVOID TokenInformation, DWORD TokenInformationLength, PDWORD ReturnLength) = 0;
     virtual BOOL IsValidSid(PSID pSid) = 0;
     virtual PSID_IDENTIFIER_AUTHORITY GetSidIdentifierAuthority(PSID pSid) = 0;
     virtual PUCHAR GetSidSubAuthorityCount(PSID pSid) = 0;

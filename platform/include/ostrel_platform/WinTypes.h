@@ -86,9 +86,12 @@ typedef struct _SID {
 #define SID_REVISION 1
 #define SID_MAX_SUB_AUTHORITIES 15
 #define SECURITY_MAX_SID_SIZE 68
-#define SECURITY_NULL_SID_AUTHORITY {0, 0, 0, 0, 0, 0}
-#define SECURITY_WORLD_SID_AUTHORITY {0, 0, 0, 0, 0, 1}
-#define SECURITY_NT_AUTHORITY {0, 0, 0, 0, 0, 5}
+#define SECURITY_NULL_SID_AUTHORITY \
+    { 0, 0, 0, 0, 0, 0 }
+#define SECURITY_WORLD_SID_AUTHORITY \
+    { 0, 0, 0, 0, 0, 1 }
+#define SECURITY_NT_AUTHORITY \
+    { 0, 0, 0, 0, 0, 5 }
 
 typedef struct _SID_AND_ATTRIBUTES {
     PSID Sid;
@@ -117,7 +120,8 @@ typedef enum _TOKEN_INFORMATION_CLASS {
     TokenType,
     TokenImpersonationLevel,
     TokenStatistics
-} TOKEN_INFORMATION_CLASS, *PTOKEN_INFORMATION_CLASS;
+} TOKEN_INFORMATION_CLASS,
+    *PTOKEN_INFORMATION_CLASS;
 
 typedef enum _TOKEN_TYPE { TokenPrimary = 1, TokenImpersonation } TOKEN_TYPE;
 
@@ -140,9 +144,9 @@ typedef enum _TOKEN_TYPE { TokenPrimary = 1, TokenImpersonation } TOKEN_TYPE;
 #define TOKEN_ADJUST_DEFAULT 0x0080u
 #define TOKEN_ADJUST_SESSIONID 0x0100u
 #define TOKEN_READ (STANDARD_RIGHTS_READ | TOKEN_QUERY)
-#define TOKEN_ALL_ACCESS                                                                                         \
-    (STANDARD_RIGHTS_REQUIRED | TOKEN_ASSIGN_PRIMARY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY |       \
-     TOKEN_QUERY_SOURCE | TOKEN_ADJUST_PRIVILEGES | TOKEN_ADJUST_GROUPS | TOKEN_ADJUST_DEFAULT |                \
+#define TOKEN_ALL_ACCESS                                                                                   \
+    (STANDARD_RIGHTS_REQUIRED | TOKEN_ASSIGN_PRIMARY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY | \
+     TOKEN_QUERY_SOURCE | TOKEN_ADJUST_PRIVILEGES | TOKEN_ADJUST_GROUPS | TOKEN_ADJUST_DEFAULT |           \
      TOKEN_ADJUST_SESSIONID)
 
 // System error numbers (Windows' values).

@@ -1,0 +1,139 @@
+#include "GSSAPICredentials.h"
+
+#include "foundation/Trace.h"
+
+namespace ostrel {
+
+namespace {
+
+// Gives a credential back while the library is still bound.
+void ReleaseCred(GSSAPIDllWrapper& i_gssDll, gss_cred_id_t& io_CredHandle) {
+    if (io_CredHandle == nullptr) {
+        return;
+    }
+    OM_uint32 minor_status = 0;
+    SASSERT(!i_gssDll.GSS_ERROR(i_gssDll.gss_release_cred(&minor_status, &io_CredHandle)),
+            "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_cred(&minor_status, &m_CredHandle))");
+    io_CredHandle = nullptr;
+}
+
+void ReleaseName(GSSAPIDllWrapper& i_gssDll, gss_name_t& io_Name) {
+    if (io_Name == nullptr) {
+        return;
+    }
+    OM_uint32 minor_status = 0;
+    SASSERT(!i_gssDll.GSS_ERROR(i_gssDll.gss_release_name(&minor_status, &io_Name)),
+            "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_name(&minor_status, &ServerName))");
+    io_Name = nullptr;
+}
+
+const char* AcquireFailureText(OM_uint32 i_nMajor) {
+    switch (i_nMajor) {
+        case GSSAPIDllWrapper::GSS_S_BAD_MECH:
+            return "ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- gss_acquire_cred GSS_S_BAD_MECH";
+        case GSSAPIDllWrapper::GSS_S_BAD_NAMETYPE:
+            return "ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- gss_acquire_cred "
+                   "GSS_S_BAD_NAMETYPE";
+        case GSSAPIDllWrapper::GSS_S_CREDENTIALS_EXPIRED:
+            return "ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- gss_acquire_cred "
+                   "GSS_S_CREDENTIALS_EXPIRED";
+        case GSSAPIDllWrapper::GSS_S_NO_CRED:
+            return "ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- gss_acquire_cred GSS_S_NO_CRED";
+        default:
+            return "ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- gss_acquire_cred UNKNOWN";
+    }
+}
+
+}  // namespace
+
+GSSAPIClientCredentials::GSSAPIClientCredentials(const SWCharString& /*i_ssUsername*/,
+                                                 const SWCharString& /*i_ssPassword*/, int /*i_nType*/,
+                                                 CSmartRefCountPtr<GSSAPIDllWrapper> /*i_pGssDll*/) {
+    resetRefCount();
+    SASSERT_FAIL("ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- GSSAPI C++ client not supported.");
+    throw SSOException(STATUS_FAILURE);
+}
+
+GSSAPIClientCredentials::~GSSAPIClientCredentials() {
+    if (m_pGssDll != nullptr) {
+        ReleaseCred(*m_pGssDll, m_CredHandle);
+    }
+    m_pGssDll = nullptr;
+}
+
+GSSAPIServerCredentials::GSSAPIServerCredentials(const SWCharString& i_ssServerName, int i_nType,
+                                                 CSmartRefCountPtr<GSSAPIDllWrapper> i_pGssDll)
+    : m_ssServerName(i_ssServerName) {
+    try {
+        if (i_pGssDll == nullptr) {
+            SASSERT(false, "i_pGssDll");
+            throw SSOException(STATUS_FAILURE);
+        }
+        if (!i_pGssDll->IsInitialized()) {
+            SASSERT(false, "i_pGssDll->IsInitialized()");
+            throw SSOException(STATUS_FAILURE);
+        }
+        m_pGssDll = i_pGssDll;
+        Acquire(i_nType);
+    } catch (...) {
+        // A half-made object has no reference outstanding; its members go in the unwinding.
+        if (m_pGssDll != nullptr) {
+            ReleaseCred(*m_pGssDll, m_CredHandle);
+        }
+        resetRefCount();
+        throw;
+    }
+}
+
+void GSSAPIServerCredentials::Acquire(int i_nType) {
+    gss_cred_usage_t nUsage;
+    switch (i_nType) {
+        case SSOCredentialsServer:
+            nUsage = GSSAPIDllWrapper::GSS_C_ACCEPT;
+            break;
+        case SSOCredentialsClient:
+            nUsage = GSSAPIDllWrapper::GSS_C_INITIATE;
+            break;
+        case SSOCredentialsBoth:
+            nUsage = GSSAPIDllWrapper::GSS_C_BOTH;
+            break;
+        default:
+            SASSERT_FAIL(
+                "ssoplugin: GSSAPIServerCredentials::GSSAPIServerCredentials() -- Unexpected credential type requested!");
+            throw SSOException(STATUS_FAILURE);
+    }
+    // The name goes to the mechanism as written, as a user name: settled, not recast as host-based.
+    SAnsiString ssName = ToAnsiString(m_ssServerName.c_str());
+    gss_buffer_desc nameBuffer = {static_cast<size_t>(ssName.getNChars()), const_cast<char*>(ssName.c_str())};
+    gss_name_t ServerName = nullptr;
+    OM_uint32 nMinor = 0;
+    OM_uint32 nMajor =
+        m_pGssDll->gss_import_name(&nMinor, &nameBuffer, GSSAPIDllWrapper::GSS_C_NT_USER_NAME, &ServerName);
+    if (GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
+        STRACE("ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- Failed to import name: %1",
+               m_pGssDll->GetGSSAPIError(nMajor, nMinor));
+        ReleaseName(*m_pGssDll, ServerName);
+        throw SSOException(STATUS_FAILURE);
+    }
+    nMajor = m_pGssDll->gss_acquire_cred(&nMinor, ServerName, GSSAPIDllWrapper::GSS_C_INDEFINITE,
+                                         GSSAPIDllWrapper::GSS_C_NO_OID_SET, nUsage, &m_CredHandle, nullptr, nullptr);
+    ReleaseName(*m_pGssDll, ServerName);
+    if (!GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
+        return;
+    }
+    STRACE("ssoplugin: GSSAPIServerCredentials::GSSAPIServerCredentials() -- gss_acquire_cred failed.");
+    STRACE("ssoplugin: GSSAPIServerCredentials::GSSAPIServerCredentials() -- %1",
+           m_pGssDll->GetGSSAPIError(nMajor, nMinor));
+    STRACE(AcquireFailureText(nMajor));
+    ReleaseCred(*m_pGssDll, m_CredHandle);
+    throw SSOException(STATUS_FAILURE);
+}
+
+GSSAPIServerCredentials::~GSSAPIServerCredentials() {
+    if (m_pGssDll != nullptr) {
+        ReleaseCred(*m_pGssDll, m_CredHandle);
+    }
+    m_pGssDll = nullptr;
+}
+
+}  // namespace ostrel
