@@ -31,7 +31,8 @@ public:
     LibraryLeaksIgnored() { __lsan_disable(); }
     ~LibraryLeaksIgnored() { __lsan_enable(); }
 #else
-    LibraryLeaksIgnored() = default;
+    LibraryLeaksIgnored() {}
+    ~LibraryLeaksIgnored() {}
 #endif
     LibraryLeaksIgnored(const LibraryLeaksIgnored&) = delete;
     LibraryLeaksIgnored& operator=(const LibraryLeaksIgnored&) = delete;

@@ -178,15 +178,16 @@ static void Enter(int entry) {
     seen = atomic_load(&s_maxInFlight);
     while (now > seen && !atomic_compare_exchange_weak(&s_maxInFlight, &seen, now)) {
     }
-    /* A meeting point: wait, boundedly, until that many calls are inside at once. */
+    /* A meeting point: wait, boundedly, until that many calls are inside at once.
+       Met or timed out, it's over: later calls don't wait. */
     if (atomic_load(&s_rendezvous) > 1 && !atomic_load(&s_rendezvousOpen)) {
         for (waited = 0; waited < atomic_load(&s_rendezvousTimeoutMs) * 10; ++waited) {
-            if (atomic_load(&s_inFlight) >= atomic_load(&s_rendezvous)) {
-                atomic_store(&s_rendezvousOpen, 1);
+            if (atomic_load(&s_inFlight) >= atomic_load(&s_rendezvous) || atomic_load(&s_rendezvousOpen)) {
                 break;
             }
             SleepUs(100);
         }
+        atomic_store(&s_rendezvousOpen, 1);
     }
     SleepUs(atomic_load(&s_delayUs));
 }
@@ -336,7 +337,7 @@ FAKE_EXPORT void fake_gss_set_status_pieces(unsigned pieces) {
 
 FAKE_EXPORT void fake_gss_set_call_delay_us(int us) { atomic_store(&s_delayUs, us); }
 
-/* Calls wait, up to timeoutMs, until n of them are inside at once; open for good once met. */
+/* Calls wait, up to timeoutMs, until n of them are inside at once; once only. */
 FAKE_EXPORT void fake_gss_set_rendezvous(int n, int timeoutMs) {
     atomic_store(&s_rendezvousOpen, 0);
     atomic_store(&s_rendezvousTimeoutMs, timeoutMs);
@@ -555,7 +556,10 @@ FAKE_EXPORT OM_uint32 gss_import_name(OM_uint32* minor_status, gss_buffer_t inpu
     Lock();
     s_record.import_length = n;
     memset(s_record.import_text, 0, sizeof s_record.import_text);
-    memcpy(s_record.import_text, input_name_buffer->value, n < sizeof s_record.import_text ? n : sizeof s_record.import_text - 1);
+    if (n > 0) {
+        memcpy(s_record.import_text, input_name_buffer->value,
+               n < sizeof s_record.import_text ? n : sizeof s_record.import_text - 1);
+    }
     s_record.import_type_is_user_name = input_name_type != NULL && input_name_type->length == sizeof userName &&
                                         memcmp(input_name_type->elements, userName, sizeof userName) == 0;
     major = s_importMajor;
