@@ -18,21 +18,10 @@ void BM_NoStatement(benchmark::State& state) {
 }
 BENCHMARK(BM_NoStatement);
 
-void BM_TraceOff(benchmark::State& state) {
-    Tarvik500::SLogger::Configure("", "");
-    const Tarvik500::SWCharString ssKey(OSTREL_T("a key that would be converted if trace were on"));
-    int n = 0;
-    for (auto _ : state) {
-        n = Work(n);
-        STRACE("ssoplugin: bench -- %1 %2", ssKey, n);
-        benchmark::DoNotOptimize(n);
-    }
-}
-BENCHMARK(BM_TraceOff);
-
-// For scale: the same statement with trace on, written to /dev/null.
-void BM_TraceOnToDevNull(benchmark::State& state) {
-    Tarvik500::SLogger::Configure("/dev/null", "");
+// The same statement with trace off, and for scale with trace on, written to /dev/null.
+void BM_TraceStatement(benchmark::State& state) {
+    const bool bOn = state.range(0) != 0;
+    Tarvik500::SLogger::Configure(bOn ? "/dev/null" : "", "");
     const Tarvik500::SWCharString ssKey(OSTREL_T("a key that would be converted if trace were on"));
     int n = 0;
     for (auto _ : state) {
@@ -42,6 +31,6 @@ void BM_TraceOnToDevNull(benchmark::State& state) {
     }
     Tarvik500::SLogger::Configure("", "");
 }
-BENCHMARK(BM_TraceOnToDevNull);
+BENCHMARK(BM_TraceStatement)->ArgName("trace_on")->Arg(0)->Arg(1);
 
 }  // namespace

@@ -27,17 +27,6 @@ int64_t DaysFromCivil(int64_t y, int64_t m, int64_t d) {
     return era * 146097 + doe - 719468;
 }
 
-void CivilFromDays(int64_t i_nDays, int64_t& o_y, int& o_m, int& o_d) {
-    const int64_t z = i_nDays + 719468;
-    const int64_t era = FloorDiv(z, 146097);
-    const int64_t doe = z - era * 146097;
-    const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const int64_t mp = (5 * doy + 2) / 153;
-    o_d = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
-    o_m = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
-    o_y = yoe + era * 400 + (o_m <= 2 ? 1 : 0);
-}
 
 int64_t SecondsFromUtcFields(const std::tm& i_tm) {
     return DaysFromCivil(i_tm.tm_year + 1900LL, i_tm.tm_mon + 1LL, i_tm.tm_mday) * kSecondsPerDay +
@@ -86,6 +75,18 @@ std::tm FieldsOf(const SDate& i_date, const STime& i_time) {
 }
 
 }  // namespace
+
+void CivilFromDays(int64_t i_nDays, int64_t& o_y, int& o_m, int& o_d) {
+    const int64_t z = i_nDays + 719468;
+    const int64_t era = FloorDiv(z, 146097);
+    const int64_t doe = z - era * 146097;
+    const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const int64_t mp = (5 * doy + 2) / 153;
+    o_d = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
+    o_m = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+    o_y = yoe + era * 400 + (o_m <= 2 ? 1 : 0);
+}
 
 const STimeZone& STimeZone::TZ_Local() {
     static const STimeZone s_local(false);

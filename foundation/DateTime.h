@@ -5,6 +5,9 @@
 
 namespace Tarvik500 {
 
+// Days since 1970-01-01 to a proleptic Gregorian date (any sign of day count).
+void CivilFromDays(int64_t i_nDays, int64_t& o_y, int& o_m, int& o_d);
+
 class STimeSpan {
 public:
     STimeSpan() = default;

@@ -65,14 +65,7 @@ GSSAPIServerCredentials::GSSAPIServerCredentials(const SWCharString& i_ssServerN
                                                  CSmartRefCountPtr<GSSAPIDllWrapper> i_pGssDll)
     : m_ssServerName(i_ssServerName) {
     try {
-        if (i_pGssDll == nullptr) {
-            SASSERT(false, "i_pGssDll");
-            throw SSOException(STATUS_FAILURE);
-        }
-        if (!i_pGssDll->IsInitialized()) {
-            SASSERT(false, "i_pGssDll->IsInitialized()");
-            throw SSOException(STATUS_FAILURE);
-        }
+        GSSAPIDllWrapper::RequireBound(i_pGssDll);
         m_pGssDll = i_pGssDll;
         Acquire(i_nType);
     } catch (...) {

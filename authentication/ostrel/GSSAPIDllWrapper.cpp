@@ -129,6 +129,17 @@ bool GSSAPIDllWrapper::Initialize() {
     return false;
 }
 
+void GSSAPIDllWrapper::RequireBound(const CSmartRefCountPtr<GSSAPIDllWrapper>& i_pGssDll) {
+    if (i_pGssDll == nullptr) {
+        SASSERT(false, "i_pGssDll");
+        throw SSOException(STATUS_FAILURE);
+    }
+    if (!i_pGssDll->IsInitialized()) {
+        SASSERT(false, "i_pGssDll->IsInitialized()");
+        throw SSOException(STATUS_FAILURE);
+    }
+}
+
 bool GSSAPIDllWrapper::IsInitialized() const {
     CSmartReadLocker lock(m_Lock);
     return m_bInitialized;

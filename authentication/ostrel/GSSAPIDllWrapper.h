@@ -107,6 +107,9 @@ public:
 
     const SWCharString& GetDllName() const { return m_ssDllName; }
 
+    // Throws status 100 unless the wrapper exists and is bound.
+    static void RequireBound(const CSmartRefCountPtr<GSSAPIDllWrapper>& i_pGssDll);
+
 protected:
     ~GSSAPIDllWrapper() override;
 

@@ -313,14 +313,7 @@ int GSSAPIHandler::InitializeContext(SSOCredentialsPtr i_pCredentials, SSOSessio
 
 GSSAPISession::GSSAPISession(CSmartRefCountPtr<GSSAPIDllWrapper> i_pGssDll, const ParasSeq* i_pParas)
     : SSOSession(i_pParas) {
-    if (i_pGssDll == nullptr) {
-        SASSERT(false, "i_pGssDll");
-        throw SSOException(STATUS_FAILURE);
-    }
-    if (!i_pGssDll->IsInitialized()) {
-        SASSERT(false, "i_pGssDll->IsInitialized()");
-        throw SSOException(STATUS_FAILURE);
-    }
+    GSSAPIDllWrapper::RequireBound(i_pGssDll);
     m_pGssDll = i_pGssDll;
     m_ssProvider = g_ssProviderGSSAPI;
 }

@@ -1,5 +1,7 @@
 #include "platform/linux/LinuxSystemApi.h"
 
+#include "foundation/DateTime.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -76,18 +78,6 @@ bool IsLanguageServed(DWORD i_dwLanguageId) {
     return i_dwLanguageId == 0 || primary == LANG_NEUTRAL || primary == LANG_ENGLISH;
 }
 
-// Days since 1970-01-01 to a proleptic Gregorian date.
-void CivilFromDays(int64_t i_nDays, int64_t& o_nYear, unsigned& o_nMonth, unsigned& o_nDay) {
-    const int64_t z = i_nDays + 719468;
-    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
-    const int64_t doe = z - era * 146097;
-    const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const int64_t mp = (5 * doy + 2) / 153;
-    o_nDay = static_cast<unsigned>(doy - (153 * mp + 2) / 5 + 1);
-    o_nMonth = static_cast<unsigned>(mp < 10 ? mp + 3 : mp - 9);
-    o_nYear = yoe + era * 400 + (o_nMonth <= 2 ? 1 : 0);
-}
 
 }  // namespace
 
@@ -193,9 +183,9 @@ BOOL LinuxSystemApi::FileTimeToSystemTime(const FILETIME* lpFileTime, LPSYSTEMTI
     const uint64_t nSecondOfDay = nSeconds % 86400;
 
     int64_t nYear = 0;
-    unsigned nMonth = 0;
-    unsigned nDay = 0;
-    CivilFromDays(nDays - kDaysFrom1601To1970, nYear, nMonth, nDay);
+    int nMonth = 0;
+    int nDay = 0;
+    Tarvik500::CivilFromDays(nDays - kDaysFrom1601To1970, nYear, nMonth, nDay);
 
     lpSystemTime->wYear = static_cast<WORD>(nYear);
     lpSystemTime->wMonth = static_cast<WORD>(nMonth);

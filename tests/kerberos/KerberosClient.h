@@ -14,6 +14,8 @@ namespace ostrel_test {
 
 using Bytes = std::vector<unsigned char>;
 
+inline std::u16string Wide(const std::string& s) { return std::u16string(s.begin(), s.end()); }
+
 inline std::string Env(const char* i_pName) {
     const char* p = std::getenv(i_pName);
     return p != nullptr ? p : "";

@@ -19,6 +19,7 @@ using ostrel_test::Env;
 using ostrel_test::KerberosClient;
 using ostrel_test::Plugin;
 using ostrel_test::Text;
+using ostrel_test::Wide;
 
 namespace {
 
@@ -38,7 +39,6 @@ public:
     LibraryLeaksIgnored& operator=(const LibraryLeaksIgnored&) = delete;
 };
 
-std::u16string Wide(const std::string& s) { return std::u16string(s.begin(), s.end()); }
 const ostrel_char* W(const std::u16string& s) { return reinterpret_cast<const ostrel_char*>(s.c_str()); }
 
 std::string ReadFile(const std::string& i_path) {

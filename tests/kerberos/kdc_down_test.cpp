@@ -38,8 +38,7 @@ protected:
         m_env.emplace_back(new ostrel_test::ScopedEnv("KRB5_KTNAME", ("FILE:" + m_dir + "/keytab").c_str()));
         m_env.emplace_back(new ostrel_test::ScopedEnv("KRB5RCACHEDIR", (m_dir + "/rcache").c_str()));
         ASSERT_EQ(plugin.SSOInitPackage(), 0u);
-        const std::string narrowSpn = Env("OSTREL_SPN");
-        const std::u16string spn(narrowSpn.begin(), narrowSpn.end());
+        const std::u16string spn = ostrel_test::Wide(Env("OSTREL_SPN"));
         ParasSeq seq{const_cast<ostrel_char*>(WP_SI_SERVER_SSPI_SPN_W), SSO_PARAM_STRING, 0,
                      const_cast<ostrel_char*>(reinterpret_cast<const ostrel_char*>(spn.c_str())), nullptr};
         ASSERT_EQ(plugin.SSOInitProvider(SSO_PROVIDER_GSSAPI, &seq), 0u);
