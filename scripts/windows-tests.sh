@@ -12,10 +12,13 @@ export WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml="
 unset DISPLAY WAYLAND_DISPLAY
 
+# shellcheck disable=SC2317  # called through the trap
 stop_wine() {
     wineserver -k </dev/null >/dev/null 2>&1 || true
 }
 trap stop_wine EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
 
 start=$SECONDS
 cmake --preset windows

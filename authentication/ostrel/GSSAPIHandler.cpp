@@ -156,6 +156,12 @@ int GSSAPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSessionPtr
 
     // The closing call: the context completed last pass and the reply went out.
     if (!bFirstPass && i_pvBuffer == nullptr && i_nBufferSize == 0) {
+        // A host that sends no input while the library still waits for the client must
+        // not be told the login is finished: nobody has been authenticated.
+        if (!pSession->m_bComplete) {
+            STRACE("ssoplugin: GSSAPIHandler::AcceptContext() -- No input, but the context is not complete.");
+            throw SSOException(STATUS_FAILURE);
+        }
         if (i_bGetLogonInfo) {
             SWCharString ssUserName;
             const bool bFound = pSession->GetParameters().GetParameter(g_ssKeyGssapiUserName, ssUserName);
@@ -217,6 +223,7 @@ int GSSAPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSessionPtr
     }
 
     if (nMajor == GSSAPIDllWrapper::GSS_S_COMPLETE) {
+        pSession->m_bComplete = true;
         if (*o_pnBufferSize == 0) {
             if (i_bGetLogonInfo) {
                 o_params.AddParameter(g_ssKeyGssapiUserName, ssClientName);

@@ -55,6 +55,8 @@ public:
     CSmartRefCountPtr<StaticToken> GetStaticToken() override;
 
     gss_ctx_id_t m_Context = GSSAPIDllWrapper::GSS_C_NO_CONTEXT;  // owned
+    // The library said the context is complete; only then may a closing call finish the login.
+    bool m_bComplete = false;
 
 protected:
     ~GSSAPISession() override;

@@ -57,7 +57,15 @@ endif()
 list(SORT actual)
 list(LENGTH actual count)
 if(NOT actual STREQUAL expected)
-  message(FATAL_ERROR "exported: ${actual}\nexpected: ${expected}")
+  set(extra ${actual})
+  list(REMOVE_ITEM extra ${expected})
+  set(missing ${expected})
+  if(actual)
+    list(REMOVE_ITEM missing ${actual})
+  endif()
+  message(FATAL_ERROR "exports differ from ${EXPECTED}\n"
+    "exported but not listed: ${extra}\nlisted but not exported: ${missing}\n"
+    "all exported: ${actual}")
 endif()
 
 string(REPLACE "," ";" allowed "${ALLOWED_IMPORTS}")

@@ -730,6 +730,24 @@ TEST_F(GssHandlerTest, ContinueNeededKeepsTheContextForTheNextPass) {
     ExpectNothingOutstanding();
 }
 
+TEST_F(GssHandlerTest, AClosingCallCannotFinishAnIncompleteContext) {
+    Init();
+    SSOSessionPtr pSession = m_pHandler->CreateSession(nullptr);
+    Script(GSSAPIDllWrapper::GSS_S_CONTINUE_NEEDED, "challenge", nullptr);
+    EXPECT_EQ(Accept(pSession, "opening").status, SSEC_STATUS_CONTINUE);
+    // The client never answered; a host that still sends the closing call gets a failure, not 2.
+    try {
+        Accept(pSession, "");
+        ADD_FAILURE() << "an unauthenticated login was finished";
+    } catch (const SSOException& e) {
+        EXPECT_EQ(e.GetCode(), 100u);
+    }
+    EXPECT_EQ(m_fake.calls("gss_accept_sec_context"), 1);
+    EXPECT_TRUE(m_capture.has("No input, but the context is not complete."));
+    pSession = nullptr;
+    ExpectNothingOutstanding();
+}
+
 TEST_F(GssHandlerTest, AFirstPassWithNoInputStillGoesToTheLibrary) {
     Init();
     SSOSessionPtr pSession = m_pHandler->CreateSession(nullptr);

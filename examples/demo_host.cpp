@@ -1,0 +1,319 @@
+// The demo: one Kerberos login, accepted by the plug-in the way a server platform
+// accepts it. This program is the host: it loads libostrel.so with dlopen and
+// calls its C functions. The user's side runs in a second program, demo_client,
+// which this one starts and exchanges tokens with over a pipe.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "PluginHost.h"
+
+using namespace ostrel_example;
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+void Host(const std::string& i_text) { std::printf("host    %s\n", i_text.c_str()); std::fflush(stdout); }
+void Client(const std::string& i_text) { std::printf("client  %s\n", i_text.c_str()); std::fflush(stdout); }
+void Detail(const std::string& i_text) { std::printf("          %s\n", i_text.c_str()); std::fflush(stdout); }
+
+const char* Meaning(unsigned int i_nStatus) {
+    switch (i_nStatus) {
+        case SSO_STATUS_OK: return "done";
+        case SSO_STATUS_CONTINUE: return "the plug-in has a reply for the client and wants one more call";
+        case SSO_STATUS_SERVER_DONE: return "the login is accepted";
+        case SSO_STATUS_LOGON_DENIED: return "the login is refused";
+        default: return "refused";
+    }
+}
+
+// The client program, connected to us through two pipes.
+class ClientProcess {
+public:
+    ~ClientProcess() { Finish(); }
+
+    bool Start(const std::string& i_program, const std::vector<std::string>& i_args) {
+        int toChild[2];
+        int fromChild[2];
+        if (::pipe2(toChild, O_CLOEXEC) != 0) {
+            return false;
+        }
+        if (::pipe2(fromChild, O_CLOEXEC) != 0) {
+            ::close(toChild[0]);
+            ::close(toChild[1]);
+            return false;
+        }
+        std::vector<char*> argv;
+        argv.push_back(const_cast<char*>(i_program.c_str()));
+        for (const std::string& arg : i_args) {
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(toChild[0], STDIN_FILENO);
+            ::dup2(fromChild[1], STDOUT_FILENO);
+            ::execv(i_program.c_str(), argv.data());
+            std::fprintf(stderr, "demo_host: cannot run %s: %s\n", i_program.c_str(), std::strerror(errno));
+            ::_exit(127);
+        }
+        ::close(toChild[0]);
+        ::close(fromChild[1]);
+        if (m_pid < 0) {
+            ::close(toChild[1]);
+            ::close(fromChild[0]);
+            return false;
+        }
+        m_pTo = ::fdopen(toChild[1], "w");
+        m_pFrom = ::fdopen(fromChild[0], "r");
+        return m_pTo != nullptr && m_pFrom != nullptr;
+    }
+
+    // The next line that is not narration; narration is printed on the way.
+    std::string Next() {
+        for (;;) {
+            char* pLine = nullptr;
+            size_t nCapacity = 0;
+            const ssize_t n = ::getline(&pLine, &nCapacity, m_pFrom);
+            std::string line = n > 0 ? std::string(pLine, static_cast<size_t>(n)) : std::string();
+            std::free(pLine);
+            if (n <= 0) {
+                return "FAIL the client stopped without a word";
+            }
+            if (line.back() == '\n') {
+                line.pop_back();
+            }
+            if (line.rfind("SAY ", 0) == 0) {
+                Client(line.substr(4));
+                continue;
+            }
+            return line;
+        }
+    }
+
+    void Send(const std::string& i_line) {
+        std::fprintf(m_pTo, "%s\n", i_line.c_str());
+        std::fflush(m_pTo);
+    }
+
+    // Closes the pipes and waits; true when the client ended well.
+    bool Finish() {
+        if (m_pTo != nullptr) {
+            std::fclose(m_pTo);
+            m_pTo = nullptr;
+        }
+        if (m_pFrom != nullptr) {
+            std::fclose(m_pFrom);
+            m_pFrom = nullptr;
+        }
+        if (m_pid <= 0) {
+            return m_bOk;
+        }
+        int status = 0;
+        while (::waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        m_pid = -1;
+        m_bOk = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        return m_bOk;
+    }
+
+private:
+    pid_t m_pid = -1;
+    FILE* m_pTo = nullptr;
+    FILE* m_pFrom = nullptr;
+    bool m_bOk = false;
+};
+
+struct Pass {
+    unsigned int status = SSO_STATUS_FAILURE;
+    Bytes reply;
+    std::string key;
+    std::string userName;
+    std::string error;
+};
+
+// One SSOAcceptLogin; everything the plug-in hands out goes back to it here.
+Pass Accept(Plugin& io_plugin, const std::u16string& i_key, const Bytes* i_pToken) {
+    Pass pass;
+    void* pReply = nullptr;
+    size_t nReply = 0;
+    ParasSeq* pParameters = nullptr;
+    ostrel_char* pKey = nullptr;
+    pass.status = io_plugin.SSOAcceptLogin(i_key.c_str(), SSO_PROVIDER_GSSAPI,
+                                           i_pToken != nullptr ? i_pToken->data() : nullptr,
+                                           i_pToken != nullptr ? i_pToken->size() : 0, &pReply, &nReply, &pParameters,
+                                           &pKey);
+    if (pass.status >= SSO_STATUS_FAILURE) {
+        pass.error = DescribeError(io_plugin, pass.status);
+    }
+    if (pReply != nullptr) {
+        pass.reply.assign(static_cast<unsigned char*>(pReply), static_cast<unsigned char*>(pReply) + nReply);
+        io_plugin.SSOFreeBuffer(pReply);
+    }
+    pass.key = ToUtf8(pKey);
+    if (pKey != nullptr) {
+        io_plugin.SSOFreeString(pKey);
+    }
+    pass.userName = FindParameter(pParameters, SSO_KEY_GSSAPI_USER_NAME);
+    io_plugin.SSOFreeParameters(pParameters);
+    return pass;
+}
+
+void Report(const Pass& i_pass) {
+    Detail("-> " + StatusText(i_pass.status) + ": " + Meaning(i_pass.status));
+    if (!i_pass.error.empty()) {
+        Detail("   error record: " + i_pass.error);
+    }
+}
+
+int Usage(const char* i_pProgram) {
+    std::fprintf(stderr,
+                 "usage: %s [--plugin LIB] [--client PROGRAM] [--service SPN] USER PASSWORD-FILE\n"
+                 "  Runs one Kerberos login of USER (password from PASSWORD-FILE, \"user password\" lines)\n"
+                 "  against service SPN (default HTTP/localhost), accepted by the plug-in LIB\n"
+                 "  (default: libostrel.so next to this program). The realm comes from KRB5_CONFIG,\n"
+                 "  the service's key from KRB5_KTNAME.\n",
+                 i_pProgram);
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string pluginPath = ExecutableDir() + "/libostrel.so";
+    std::string clientPath = ExecutableDir() + "/demo_client";
+    std::string service = "HTTP/localhost";
+    std::vector<std::string> positional;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if ((arg == "--plugin" || arg == "--client" || arg == "--service") && i + 1 < argc) {
+            (arg == "--plugin" ? pluginPath : arg == "--client" ? clientPath : service) = argv[++i];
+        } else if (arg.rfind("--", 0) == 0) {
+            return Usage(argv[0]);
+        } else {
+            positional.push_back(arg);
+        }
+    }
+    if (positional.size() != 2) {
+        return Usage(argv[0]);
+    }
+    const std::string& user = positional[0];
+
+    std::printf("ostrel demo: one Kerberos login, accepted by the plug-in\n\n"
+                "This program plays the server platform: it loads the plug-in and hands it\n"
+                "the client's tokens. The client is a separate program that logs in as %s.\n\n",
+                user.c_str());
+
+    Plugin plugin;
+    std::string error;
+    if (!plugin.Load(pluginPath, error)) {
+        Host("cannot load the plug-in: " + error);
+        return 1;
+    }
+    Host("loaded " + pluginPath + " and found its functions");
+
+    unsigned int status = plugin.SSOInitPackage();
+    Host("SSOInitPackage -> " + StatusText(status));
+    if (status != SSO_STATUS_OK) {
+        return 1;
+    }
+    const std::u16string spn = FromAscii(service);
+    ParasSeq spnParameter{const_cast<ostrel_char*>(WP_SI_SERVER_SSPI_SPN_W), SSO_PARAM_STRING, 0,
+                          const_cast<ostrel_char*>(spn.c_str()), nullptr};
+    status = plugin.SSOInitProvider(SSO_PROVIDER_GSSAPI, &spnParameter);
+    Host("SSOInitProvider(\"GSSAPI\", SI_SERVER_SSPI_SPN=" + service + ") -> " + StatusText(status));
+    if (status != SSO_STATUS_OK) {
+        Detail("error record: " + DescribeError(plugin, status));
+        plugin.SSOTermPackage();
+        return 1;
+    }
+
+    bool bLoggedIn = false;
+    std::string userName;
+    {
+        ClientProcess client;
+        if (!client.Start(clientPath, {user, positional[1], service})) {
+            Host("cannot start the client " + clientPath);
+            plugin.SSOTermPackage();
+            return 1;
+        }
+        std::string line = client.Next();
+        Bytes token;
+        if (line.rfind("TOKEN ", 0) != 0 || !Base64Decode(line.substr(6), token)) {
+            Client("could not log in: " + (line.rfind("FAIL ", 0) == 0 ? line.substr(5) : line));
+            client.Finish();
+            plugin.SSOTermPackage();
+            return 1;
+        }
+
+        Host("pass 1: SSOAcceptLogin(no session key, the client's token of " + std::to_string(token.size()) +
+             " bytes)");
+        Pass pass = Accept(plugin, u"", &token);
+        Report(pass);
+        if (pass.status == SSO_STATUS_CONTINUE) {
+            Detail("   reply token: " + std::to_string(pass.reply.size()) + " bytes, for the client");
+            Detail("   session key: " + pass.key + " (names this login in the next call)");
+            client.Send("REPLY " + Base64Encode(pass.reply.data(), pass.reply.size()));
+            line = client.Next();
+            if (line != "DONE") {
+                Client("could not finish: " + (line.rfind("FAIL ", 0) == 0 ? line.substr(5) : line));
+            } else {
+                const std::u16string key = FromAscii(pass.key);
+                Host("pass 2: SSOAcceptLogin(the session key, no token): the reply reached the client");
+                pass = Accept(plugin, key, nullptr);
+                Report(pass);
+            }
+        }
+        if (pass.status == SSO_STATUS_SERVER_DONE) {
+            Detail("   session key: " + pass.key + " (this provider keeps nothing after a login)");
+            Detail("   GSSAPI_USER_NAME: " + pass.userName);
+            userName = pass.userName;
+            bLoggedIn = !userName.empty();
+        }
+
+        if (pass.status >= SSO_STATUS_FAILURE) {
+            Detail("   (OSTREL_TRACE=stderr shows the plug-in's own account of it)");
+        }
+
+        // What an eavesdropper would try: the same first token again.
+        if (bLoggedIn) {
+            Host("the client's first token once more, as an eavesdropper would replay it:");
+            Pass replay = Accept(plugin, u"", &token);
+            Report(replay);
+            if (replay.status == SSO_STATUS_CONTINUE) {
+                // Accepted again (the replay cache is off); the closing call ends that login.
+                void* pReply = nullptr;
+                size_t nReply = 0;
+                ostrel_char* pKey = nullptr;
+                const std::u16string key = FromAscii(replay.key);
+                plugin.SSOAcceptLogin(key.c_str(), SSO_PROVIDER_GSSAPI, nullptr, 0, &pReply, &nReply, nullptr, &pKey);
+                plugin.SSOFreeBuffer(pReply);
+                plugin.SSOFreeString(pKey);
+            }
+            if (replay.status < SSO_STATUS_FAILURE) {
+                Detail("   accepted: Kerberos's replay cache is off here (KRB5RCACHETYPE=none)");
+            }
+        }
+
+        client.Send("END");
+        bLoggedIn = client.Finish() && bLoggedIn;
+    }
+
+    status = plugin.SSOTermPackage();
+    Host("SSOTermPackage -> " + StatusText(status));
+    std::printf("\n");
+    if (!bLoggedIn) {
+        std::printf("The login of %s failed.\n", user.c_str());
+        return 1;
+    }
+    std::printf("%s logged in; the plug-in named the user %s.\n", user.c_str(), userName.c_str());
+    return 0;
+}
