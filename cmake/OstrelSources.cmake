@@ -10,6 +10,9 @@ set(OSTREL_FOUNDATION_SOURCES
   foundation/${OSTREL_PLATFORM_DIR}/LocalTime.cpp
   foundation/${OSTREL_PLATFORM_DIR}/SharedLibrary.cpp
 )
+if(WIN32)
+  list(APPEND OSTREL_FOUNDATION_SOURCES foundation/win32/RWLock.cpp)
+endif()
 
 set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/ErrorManager.cpp

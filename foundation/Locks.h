@@ -9,6 +9,20 @@ namespace Tarvik500 {
 // Not re-entrant: a thread must not take it twice.
 class CRWLock {
 public:
+#if defined(_WIN32)
+    // mingw's std::shared_mutex (winpthreads) lets readers and writers overlap
+    // and can deadlock; Windows' own slim lock, in foundation/win32/RWLock.cpp.
+    CRWLock() = default;
+    CRWLock(const CRWLock&) = delete;
+    CRWLock& operator=(const CRWLock&) = delete;
+    void lockRead();
+    void unlockRead();
+    void lockWrite();
+    void unlockWrite();
+
+private:
+    void* m_pSlim = nullptr;  // an SRWLOCK: one pointer, zero when free
+#else
     void lockRead() { m_mutex.lock_shared(); }
     void unlockRead() { m_mutex.unlock_shared(); }
     void lockWrite() { m_mutex.lock(); }
@@ -16,6 +30,7 @@ public:
 
 private:
     std::shared_mutex m_mutex;
+#endif
 };
 
 class CSmartReadLocker {

@@ -61,6 +61,12 @@ protected:
     CSmartRefCountPtr<SSOImpl> m_pImpl;
 };
 
+// The system's own text for an error number, as the plug-in would trace it.
+std::string SystemText(DWORD i_nError) {
+    ostrel::platform::System().SetLastError(i_nError);
+    return ToAnsiString(LastErrorText().c_str()).c_str();
+}
+
 struct Param {
     Param(const ostrel_char* k, uint32_t t, const ostrel_char* v)
         : seq{const_cast<ostrel_char*>(k), t, 0, const_cast<ostrel_char*>(v), nullptr} {}
@@ -79,7 +85,7 @@ TEST_F(MainRoad, NoTokenForThreadNorProcess) {
     EXPECT_TRUE(ssKey.isEmpty());
     EXPECT_EQ(TakeError(100).messageId, 61869u);
     EXPECT_TRUE(capture.has("OpenThreadToken() failed.  Trying process token."));
-    EXPECT_TRUE(capture.has("Could not get token for thread nor process: Access is denied"));
+    EXPECT_TRUE(capture.has("Could not get token for thread nor process: " + SystemText(ERROR_ACCESS_DENIED)));
 }
 
 TEST_F(MainRoad, ProcessTokenWhenTheThreadHasNone) {
@@ -101,7 +107,8 @@ TEST_F(MainRoad, ImpersonationAndRevertFailures) {
     fake.bFailImpersonate = true;
     EXPECT_EQ(m_pImpl->Impersonate(ssKey), 100u);
     EXPECT_EQ(TakeError(100).messageId, 61776u);
-    EXPECT_TRUE(capture.has("ssoplugin: ThreadStaticToken::Impersonate() -- Could not impersonate: Access is denied"));
+    EXPECT_TRUE(capture.has("ssoplugin: ThreadStaticToken::Impersonate() -- Could not impersonate: " +
+                            SystemText(ERROR_ACCESS_DENIED)));
 
     fake.bFailRevert = true;
     EXPECT_EQ(m_pImpl->Revert(ssKey), 100u);
