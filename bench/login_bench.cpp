@@ -27,6 +27,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "PluginHost.h"
 #include "ostrel/ostrel.h"
 
 namespace {
@@ -54,33 +55,7 @@ std::string Env(const char* i_pName, const char* i_pDefault = "") {
 
 // ---- The plug-in, loaded as a host loads it ----
 
-struct Plugin {
-    void* handle = nullptr;
-    decltype(&::SSOInitPackage) SSOInitPackage = nullptr;
-    decltype(&::SSOTermPackage) SSOTermPackage = nullptr;
-    decltype(&::SSOInitProvider) SSOInitProvider = nullptr;
-    decltype(&::SSOAcceptLogin) SSOAcceptLogin = nullptr;
-    decltype(&::SSOFreeBuffer) SSOFreeBuffer = nullptr;
-    decltype(&::SSOFreeString) SSOFreeString = nullptr;
-    decltype(&::SSOFreeParameters) SSOFreeParameters = nullptr;
-
-    bool Load(const std::string& i_path) {
-        handle = ::dlopen(i_path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr) {
-            return false;
-        }
-        auto resolve = [this](auto& o_pFunction, const char* i_pName) {
-            o_pFunction = reinterpret_cast<std::remove_reference_t<decltype(o_pFunction)>>(::dlsym(handle, i_pName));
-            return o_pFunction != nullptr;
-        };
-        return resolve(SSOInitPackage, "SSOInitPackage") && resolve(SSOTermPackage, "SSOTermPackage") &&
-               resolve(SSOInitProvider, "SSOInitProvider") && resolve(SSOAcceptLogin, "SSOAcceptLogin") &&
-               resolve(SSOFreeBuffer, "SSOFreeBuffer") && resolve(SSOFreeString, "SSOFreeString") &&
-               resolve(SSOFreeParameters, "SSOFreeParameters");
-    }
-};
-
-Plugin g_plugin;
+ostrel_example::Plugin g_plugin;
 
 // Where the plug-in's time goes: its closing call alone, per mechanism.
 std::vector<double>* g_pClosingSamples = nullptr;
@@ -320,7 +295,8 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    if (!g_plugin.Load(g_pluginPath) || g_plugin.SSOInitPackage() != SSO_STATUS_OK) {
+    std::string loadError;
+    if (!g_plugin.Load(g_pluginPath, loadError) || g_plugin.SSOInitPackage() != SSO_STATUS_OK) {
         std::fprintf(stderr, "bench_login: cannot load or start %s\n", g_pluginPath.c_str());
         return 1;
     }

@@ -95,13 +95,9 @@ void GSSAPIServerCredentials::Acquire(int i_nType) {
                 "ssoplugin: GSSAPIServerCredentials::GSSAPIServerCredentials() -- Unexpected credential type requested!");
             throw SSOException(STATUS_FAILURE);
     }
-    // The name goes to the mechanism as written, as a user name: settled, not recast as host-based.
-    SAnsiString ssName = ToAnsiString(m_ssServerName.c_str());
-    gss_buffer_desc nameBuffer = {static_cast<size_t>(ssName.getNChars()), const_cast<char*>(ssName.c_str())};
     gss_name_t ServerName = nullptr;
     OM_uint32 nMinor = 0;
-    OM_uint32 nMajor =
-        m_pGssDll->gss_import_name(&nMinor, &nameBuffer, GSSAPIDllWrapper::GSS_C_NT_USER_NAME, &ServerName);
+    OM_uint32 nMajor = m_pGssDll->ImportUserName(m_ssServerName, &nMinor, &ServerName);
     if (GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
         STRACE("ssoplugin: GSSAPIClientCredentials::GSSAPIClientCredentials() -- Failed to import name: %1",
                m_pGssDll->GetGSSAPIError(nMajor, nMinor));

@@ -129,6 +129,12 @@ bool GSSAPIDllWrapper::Initialize() {
     return false;
 }
 
+OM_uint32 GSSAPIDllWrapper::ImportUserName(const SWCharString& i_ssName, OM_uint32* o_pMinor, gss_name_t* o_pName) {
+    SAnsiString ssName = ToAnsiString(i_ssName.c_str());
+    gss_buffer_desc nameBuffer = {static_cast<size_t>(ssName.getNChars()), const_cast<char*>(ssName.c_str())};
+    return gss_import_name(o_pMinor, &nameBuffer, GSS_C_NT_USER_NAME, o_pName);
+}
+
 void GSSAPIDllWrapper::RequireBound(const CSmartRefCountPtr<GSSAPIDllWrapper>& i_pGssDll) {
     if (i_pGssDll == nullptr) {
         SASSERT(false, "i_pGssDll");

@@ -107,6 +107,10 @@ public:
 
     const SWCharString& GetDllName() const { return m_ssDllName; }
 
+    // Imports a principal's text as written, as a user name (also for services: settled,
+    // not recast into the host-based form).
+    OM_uint32 ImportUserName(const SWCharString& i_ssName, OM_uint32* o_pMinor, gss_name_t* o_pName);
+
     // Throws status 100 unless the wrapper exists and is bound.
     static void RequireBound(const CSmartRefCountPtr<GSSAPIDllWrapper>& i_pGssDll);
 

@@ -267,12 +267,9 @@ int GSSAPIHandler::InitializeContext(SSOCredentialsPtr i_pCredentials, SSOSessio
         throw SSOException(STATUS_FAILURE, MSG_SPN_MISSING);
     }
     CSmartRefCountPtr<GSSAPIDllWrapper> pGssDll = Dll();
-    SAnsiString ssTarget = ToAnsiString(ssSPN.c_str());
-    gss_buffer_desc nameBuffer = {static_cast<size_t>(ssTarget.getNChars()), const_cast<char*>(ssTarget.c_str())};
     gss_name_t TargetName = nullptr;
     OM_uint32 nMinor = 0;
-    OM_uint32 nMajor =
-        pGssDll->gss_import_name(&nMinor, &nameBuffer, GSSAPIDllWrapper::GSS_C_NT_USER_NAME, &TargetName);
+    OM_uint32 nMajor = pGssDll->ImportUserName(ssSPN, &nMinor, &TargetName);
     if (GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
         STRACE("ssoplugin: GSSAPIHandler::InitializeContext() -- gss_import_name failed: %1",
                pGssDll->GetGSSAPIError(nMajor, nMinor));
