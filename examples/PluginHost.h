@@ -238,4 +238,54 @@ inline bool Base64Decode(const std::string& i_text, std::vector<unsigned char>& 
     return true;
 }
 
+// ---- One pass of a server login ----
+
+using Bytes = std::vector<unsigned char>;
+
+struct AcceptPass {
+    unsigned int status = SSO_STATUS_FAILURE;
+    Bytes reply;
+    std::u16string key;
+    std::string userName;
+    std::string error;  // the error record in words, for a failure
+};
+
+// One SSOAcceptLogin with the provider "GSSAPI"; everything the plug-in hands out
+// goes back to it here. No token is the closing call.
+inline AcceptPass Accept(Plugin& io_plugin, const std::u16string& i_key, const Bytes* i_pToken) {
+    AcceptPass pass;
+    void* pReply = nullptr;
+    size_t nReply = 0;
+    ParasSeq* pParameters = nullptr;
+    ostrel_char* pKey = nullptr;
+    pass.status = io_plugin.SSOAcceptLogin(i_key.c_str(), SSO_PROVIDER_GSSAPI,
+                                           i_pToken != nullptr ? i_pToken->data() : nullptr,
+                                           i_pToken != nullptr ? i_pToken->size() : 0, &pReply, &nReply, &pParameters,
+                                           &pKey);
+    if (pass.status >= SSO_STATUS_FAILURE) {
+        pass.error = DescribeError(io_plugin, pass.status);
+    }
+    if (pReply != nullptr) {
+        pass.reply.assign(static_cast<unsigned char*>(pReply), static_cast<unsigned char*>(pReply) + nReply);
+        io_plugin.SSOFreeBuffer(pReply);
+    }
+    if (pKey != nullptr) {
+        pass.key = pKey;
+        io_plugin.SSOFreeString(pKey);
+    }
+    pass.userName = FindParameter(pParameters, SSO_KEY_GSSAPI_USER_NAME);
+    io_plugin.SSOFreeParameters(pParameters);
+    return pass;
+}
+
+// Ends a login the host will not finish: the closing call, whatever it answers.
+inline void EndLogin(Plugin& io_plugin, const std::u16string& i_key) {
+    void* pReply = nullptr;
+    size_t nReply = 0;
+    ostrel_char* pKey = nullptr;
+    io_plugin.SSOAcceptLogin(i_key.c_str(), SSO_PROVIDER_GSSAPI, nullptr, 0, &pReply, &nReply, nullptr, &pKey);
+    io_plugin.SSOFreeBuffer(pReply);
+    io_plugin.SSOFreeString(pKey);
+}
+
 }  // namespace ostrel_example

@@ -19,7 +19,6 @@ using namespace ostrel_example;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
 
 void Host(const std::string& i_text) { std::printf("host    %s\n", i_text.c_str()); std::fflush(stdout); }
 void Client(const std::string& i_text) { std::printf("client  %s\n", i_text.c_str()); std::fflush(stdout); }
@@ -132,42 +131,7 @@ private:
     bool m_bOk = false;
 };
 
-struct Pass {
-    unsigned int status = SSO_STATUS_FAILURE;
-    Bytes reply;
-    std::string key;
-    std::string userName;
-    std::string error;
-};
-
-// One SSOAcceptLogin; everything the plug-in hands out goes back to it here.
-Pass Accept(Plugin& io_plugin, const std::u16string& i_key, const Bytes* i_pToken) {
-    Pass pass;
-    void* pReply = nullptr;
-    size_t nReply = 0;
-    ParasSeq* pParameters = nullptr;
-    ostrel_char* pKey = nullptr;
-    pass.status = io_plugin.SSOAcceptLogin(i_key.c_str(), SSO_PROVIDER_GSSAPI,
-                                           i_pToken != nullptr ? i_pToken->data() : nullptr,
-                                           i_pToken != nullptr ? i_pToken->size() : 0, &pReply, &nReply, &pParameters,
-                                           &pKey);
-    if (pass.status >= SSO_STATUS_FAILURE) {
-        pass.error = DescribeError(io_plugin, pass.status);
-    }
-    if (pReply != nullptr) {
-        pass.reply.assign(static_cast<unsigned char*>(pReply), static_cast<unsigned char*>(pReply) + nReply);
-        io_plugin.SSOFreeBuffer(pReply);
-    }
-    pass.key = ToUtf8(pKey);
-    if (pKey != nullptr) {
-        io_plugin.SSOFreeString(pKey);
-    }
-    pass.userName = FindParameter(pParameters, SSO_KEY_GSSAPI_USER_NAME);
-    io_plugin.SSOFreeParameters(pParameters);
-    return pass;
-}
-
-void Report(const Pass& i_pass) {
+void Report(const AcceptPass& i_pass) {
     Detail("-> " + StatusText(i_pass.status) + ": " + Meaning(i_pass.status));
     if (!i_pass.error.empty()) {
         Detail("   error record: " + i_pass.error);
@@ -256,24 +220,23 @@ int main(int argc, char** argv) {
 
         Host("pass 1: SSOAcceptLogin(no session key, the client's token of " + std::to_string(token.size()) +
              " bytes)");
-        Pass pass = Accept(plugin, u"", &token);
+        AcceptPass pass = Accept(plugin, u"", &token);
         Report(pass);
         if (pass.status == SSO_STATUS_CONTINUE) {
             Detail("   reply token: " + std::to_string(pass.reply.size()) + " bytes, for the client");
-            Detail("   session key: " + pass.key + " (names this login in the next call)");
+            Detail("   session key: " + ToUtf8(pass.key.c_str()) + " (names this login in the next call)");
             client.Send("REPLY " + Base64Encode(pass.reply.data(), pass.reply.size()));
             line = client.Next();
             if (line != "DONE") {
                 Client("could not finish: " + (line.rfind("FAIL ", 0) == 0 ? line.substr(5) : line));
             } else {
-                const std::u16string key = FromAscii(pass.key);
                 Host("pass 2: SSOAcceptLogin(the session key, no token): the reply reached the client");
-                pass = Accept(plugin, key, nullptr);
+                pass = Accept(plugin, pass.key, nullptr);
                 Report(pass);
             }
         }
         if (pass.status == SSO_STATUS_SERVER_DONE) {
-            Detail("   session key: " + pass.key + " (this provider keeps nothing after a login)");
+            Detail("   session key: " + ToUtf8(pass.key.c_str()) + " (this provider keeps nothing after a login)");
             Detail("   GSSAPI_USER_NAME: " + pass.userName);
             userName = pass.userName;
             bLoggedIn = !userName.empty();
@@ -286,17 +249,11 @@ int main(int argc, char** argv) {
         // What an eavesdropper would try: the same first token again.
         if (bLoggedIn) {
             Host("the client's first token once more, as an eavesdropper would replay it:");
-            Pass replay = Accept(plugin, u"", &token);
+            AcceptPass replay = Accept(plugin, u"", &token);
             Report(replay);
             if (replay.status == SSO_STATUS_CONTINUE) {
                 // Accepted again (the replay cache is off); the closing call ends that login.
-                void* pReply = nullptr;
-                size_t nReply = 0;
-                ostrel_char* pKey = nullptr;
-                const std::u16string key = FromAscii(replay.key);
-                plugin.SSOAcceptLogin(key.c_str(), SSO_PROVIDER_GSSAPI, nullptr, 0, &pReply, &nReply, nullptr, &pKey);
-                plugin.SSOFreeBuffer(pReply);
-                plugin.SSOFreeString(pKey);
+                EndLogin(plugin, replay.key);
             }
             if (replay.status < SSO_STATUS_FAILURE) {
                 Detail("   accepted: Kerberos's replay cache is off here (KRB5RCACHETYPE=none)");

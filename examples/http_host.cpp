@@ -33,7 +33,6 @@ using namespace ostrel_example;
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
 
 constexpr size_t kMaxHead = 64 * 1024;  // Kerberos tokens with group data run to several kilobytes
 constexpr size_t kMaxBody = 1024 * 1024;
@@ -58,56 +57,13 @@ void Log(const std::string& i_line) {
 
 // ---- What the plug-in is asked ----
 
-struct Pass {
-    unsigned int status = SSO_STATUS_FAILURE;
-    Bytes reply;
-    std::u16string key;
-    std::string userName;
-    std::string error;
-};
-
-Pass Accept(const std::u16string& i_key, const Bytes* i_pToken) {
-    Pass pass;
-    void* pReply = nullptr;
-    size_t nReply = 0;
-    ParasSeq* pParameters = nullptr;
-    ostrel_char* pKey = nullptr;
-    pass.status = g_plugin.SSOAcceptLogin(i_key.c_str(), SSO_PROVIDER_GSSAPI,
-                                          i_pToken != nullptr ? i_pToken->data() : nullptr,
-                                          i_pToken != nullptr ? i_pToken->size() : 0, &pReply, &nReply, &pParameters,
-                                          &pKey);
-    if (pass.status >= SSO_STATUS_FAILURE) {
-        pass.error = DescribeError(g_plugin, pass.status);
-    }
-    if (pReply != nullptr) {
-        pass.reply.assign(static_cast<unsigned char*>(pReply), static_cast<unsigned char*>(pReply) + nReply);
-        g_plugin.SSOFreeBuffer(pReply);
-    }
-    if (pKey != nullptr) {
-        pass.key = pKey;
-        g_plugin.SSOFreeString(pKey);
-    }
-    pass.userName = FindParameter(pParameters, SSO_KEY_GSSAPI_USER_NAME);
-    g_plugin.SSOFreeParameters(pParameters);
-    return pass;
-}
-
 // A login the client walked away from would otherwise wait in the plug-in until
 // SSOTermPackage: the closing call ends it, whatever it answers.
 void Abandon(std::u16string& io_key) {
     if (io_key.empty()) {
         return;
     }
-    void* pReply = nullptr;
-    size_t nReply = 0;
-    ostrel_char* pKey = nullptr;
-    g_plugin.SSOAcceptLogin(io_key.c_str(), SSO_PROVIDER_GSSAPI, nullptr, 0, &pReply, &nReply, nullptr, &pKey);
-    if (pReply != nullptr) {
-        g_plugin.SSOFreeBuffer(pReply);
-    }
-    if (pKey != nullptr) {
-        g_plugin.SSOFreeString(pKey);
-    }
+    EndLogin(g_plugin, io_key);
     io_key.clear();
 }
 
@@ -396,7 +352,7 @@ private:
         // An unfinished login on this connection goes on; otherwise a new one starts.
         const std::u16string key = std::move(m_pendingKey);
         m_pendingKey.clear();
-        Pass pass = Accept(key, &token);
+        AcceptPass pass = Accept(g_plugin, key, &token);
         Response response;
         if (!pass.reply.empty()) {
             response.negotiate = "Negotiate " + Base64Encode(pass.reply.data(), pass.reply.size());
@@ -412,7 +368,7 @@ private:
                 return response;
             }
             const std::u16string openKey = pass.key;
-            pass = Accept(openKey, nullptr);
+            pass = Accept(g_plugin, openKey, nullptr);
         }
         if (pass.status != SSO_STATUS_SERVER_DONE) {
             return Refuse(i_request, "SSOAcceptLogin -> " + StatusText(pass.status) +

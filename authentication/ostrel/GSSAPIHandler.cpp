@@ -138,6 +138,28 @@ void* GSSAPIHandler::CopyGssBuffer(gss_buffer_desc* i_pBuffer) {
     return pCopy;
 }
 
+void GSSAPIHandler::TakeOutputToken(GSSAPIDllWrapper& i_gssDll, gss_buffer_desc& io_buffer, OM_uint32 i_nMajor,
+                                    void** o_ppvBuffer, size_t* o_pnBufferSize, const char* i_pReleaseCondition) {
+    const bool bHasOutput = io_buffer.length > 0 && io_buffer.value != nullptr;
+    // An error token is not passed on.
+    if (bHasOutput && !GSSAPIDllWrapper::GSS_ERROR(i_nMajor)) {
+        *o_pnBufferSize = io_buffer.length;
+        try {
+            *o_ppvBuffer = CopyGssBuffer(&io_buffer);
+        } catch (...) {
+            *o_pnBufferSize = 0;
+            ReleaseBuffer(i_gssDll, io_buffer, i_pReleaseCondition);
+            throw;
+        }
+    } else {
+        *o_pnBufferSize = 0;
+        *o_ppvBuffer = nullptr;
+    }
+    if (bHasOutput) {
+        ReleaseBuffer(i_gssDll, io_buffer, i_pReleaseCondition);
+    }
+}
+
 int GSSAPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSessionPtr i_pSession, const void* i_pvBuffer,
                                  size_t i_nBufferSize, void** o_ppvBuffer, size_t* o_pnBufferSize,
                                  bool i_bGetLogonInfo, Parameters& o_params) {
@@ -198,26 +220,8 @@ int GSSAPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSessionPtr
                 "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_name(&minor_status_temp, &ClientName))");
     }
 
-    const bool bHasOutput = OutBuffer.length > 0 && OutBuffer.value != nullptr;
-    // An error token is not passed on.
-    if (bHasOutput && !GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
-        *o_pnBufferSize = OutBuffer.length;
-        try {
-            *o_ppvBuffer = CopyGssBuffer(&OutBuffer);
-        } catch (...) {
-            *o_pnBufferSize = 0;
-            ReleaseBuffer(*pGssDll, OutBuffer,
-                          "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_buffer(&minor_status_temp, &OutBuffer))");
-            throw;
-        }
-    } else {
-        *o_pnBufferSize = 0;
-        *o_ppvBuffer = nullptr;
-    }
-    if (bHasOutput) {
-        ReleaseBuffer(*pGssDll, OutBuffer,
-                      "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_buffer(&minor_status_temp, &OutBuffer))");
-    }
+    TakeOutputToken(*pGssDll, OutBuffer, nMajor, o_ppvBuffer, o_pnBufferSize,
+                    "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_buffer(&minor_status_temp, &OutBuffer))");
     if (GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
         STRACE("ssoplugin: GSSAPIHandler::AcceptContext() -- %1", pGssDll->GetGSSAPIError(nMajor, nMinor));
     }
@@ -291,18 +295,8 @@ int GSSAPIHandler::InitializeContext(SSOCredentialsPtr i_pCredentials, SSOSessio
         SASSERT(!pGssDll->GSS_ERROR(pGssDll->gss_release_name(&minor_status_temp, &TargetName)),
                 "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_name(&minor_status_temp, &TargetName))");
     }
-    const bool bHasOutput = OutputBuffer.length > 0 && OutputBuffer.value != nullptr;
-    if (bHasOutput && !GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
-        *o_pnBufferSize = OutputBuffer.length;
-        *o_ppvBuffer = CopyGssBuffer(&OutputBuffer);
-    } else {
-        *o_pnBufferSize = 0;
-        *o_ppvBuffer = nullptr;
-    }
-    if (bHasOutput) {
-        ReleaseBuffer(*pGssDll, OutputBuffer,
-                      "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_buffer(&minor_status_temp, &OutputBuffer))");
-    }
+    TakeOutputToken(*pGssDll, OutputBuffer, nMajor, o_ppvBuffer, o_pnBufferSize,
+                    "!m_pGssDll->GSS_ERROR(m_pGssDll->gss_release_buffer(&minor_status_temp, &OutputBuffer))");
     if (GSSAPIDllWrapper::GSS_ERROR(nMajor)) {
         STRACE("ssoplugin: GSSAPIHandler::InitializeContext() -- %1", pGssDll->GetGSSAPIError(nMajor, nMinor));
     }

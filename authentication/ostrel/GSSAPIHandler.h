@@ -42,6 +42,10 @@ protected:
 
 private:
     CSmartRefCountPtr<GSSAPIDllWrapper> Dll();
+    // The library's output token to the caller (an error token is not passed on);
+    // the library's buffer goes back to it either way.
+    void TakeOutputToken(GSSAPIDllWrapper& i_gssDll, gss_buffer_desc& io_buffer, OM_uint32 i_nMajor,
+                         void** o_ppvBuffer, size_t* o_pnBufferSize, const char* i_pReleaseCondition);
 
     SISet<SWCharString> m_RequiredParameters;
     Parameters m_GlobalParameters;
