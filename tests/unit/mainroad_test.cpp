@@ -158,6 +158,26 @@ TEST_F(MainRoad, NegotiationOperationsAreNotSupported) {
     EXPECT_EQ(required.GetCount(), 0u);
 }
 
+TEST_F(MainRoad, FailedLoginsLeaveNoSessionBehind) {
+    ostrel_test::TraceCapture capture;
+    void* pBuffer = nullptr;
+    size_t nLength = 0;
+    ostrel_char* pKey = nullptr;
+    EXPECT_EQ(m_pImpl->StartLogin(SWCharString(OSTREL_T("alice")), SWCharString(OSTREL_T("pw")),
+                                  g_ssProviderThreadToken, nullptr, &pBuffer, &nLength, &pKey),
+              101u);
+    const unsigned char token[] = {1, 2, 3};
+    EXPECT_EQ(m_pImpl->AcceptLogin(SWCharString(), g_ssProviderThreadToken, token, sizeof(token), &pBuffer, &nLength,
+                                   nullptr, &pKey),
+              101u);
+    EXPECT_EQ(pKey, nullptr);
+    // The session cache reports what it still holds when it goes.
+    m_pImpl->Shutdown();
+    EXPECT_TRUE(capture.has(
+        "ssoplugin: SessionCache::~SessionCache() -- Shutting down with 0 partially formed sessions in cache."));
+    ASSERT_TRUE(m_pImpl->Initialize());
+}
+
 TEST_F(MainRoad, HandlerThatCannotBeAllocated) {
     SSOHandlerFactory::instance()->ClearHandlers();
     SSOHandlerFactory::FailNextHandlerAllocationsForTesting(1);
