@@ -2,9 +2,9 @@
 // system hands out, time conversion. The live implementation is System().
 #pragma once
 
-#include <atomic>
 #include <cstdarg>
 
+#include "ostrel_platform/Seam.h"
 #include "ostrel_platform/WinTypes.h"
 
 namespace ostrel::platform {
@@ -25,26 +25,13 @@ public:
 };
 
 namespace detail {
+// The port's own implementation, one per platform.
 ISystemApi& PortSystemApi();
-inline std::atomic<ISystemApi*> g_pSystemApiOverride{nullptr};
 }  // namespace detail
 
-inline ISystemApi& System() {
-    ISystemApi* pOverride = detail::g_pSystemApiOverride.load(std::memory_order_acquire);
-    return pOverride != nullptr ? *pOverride : detail::PortSystemApi();
-}
+// The implementation in force for the whole process.
+inline ISystemApi& System() { return Seam<ISystemApi>::Get(detail::PortSystemApi); }
 
-// Puts a fake in force for its lifetime; nests, and must end in reverse order.
-class ScopedSystemApiOverride {
-public:
-    explicit ScopedSystemApiOverride(ISystemApi& i_fake)
-        : m_pPrevious(detail::g_pSystemApiOverride.exchange(&i_fake, std::memory_order_acq_rel)) {}
-    ~ScopedSystemApiOverride() { detail::g_pSystemApiOverride.store(m_pPrevious, std::memory_order_release); }
-    ScopedSystemApiOverride(const ScopedSystemApiOverride&) = delete;
-    ScopedSystemApiOverride& operator=(const ScopedSystemApiOverride&) = delete;
-
-private:
-    ISystemApi* m_pPrevious;
-};
+using ScopedSystemApiOverride = ScopedOverride<ISystemApi>;
 
 }  // namespace ostrel::platform

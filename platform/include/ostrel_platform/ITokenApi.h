@@ -2,8 +2,8 @@
 // Windows' names, signatures and meaning; the live implementation is Tokens().
 #pragma once
 
-#include <atomic>
 
+#include "ostrel_platform/Seam.h"
 #include "ostrel_platform/WinTypes.h"
 
 namespace ostrel::platform {
@@ -30,26 +30,11 @@ public:
 namespace detail {
 // The port's own implementation, one per platform.
 ITokenApi& PortTokenApi();
-inline std::atomic<ITokenApi*> g_pTokenApiOverride{nullptr};
 }  // namespace detail
 
 // The implementation in force for the whole process.
-inline ITokenApi& Tokens() {
-    ITokenApi* pOverride = detail::g_pTokenApiOverride.load(std::memory_order_acquire);
-    return pOverride != nullptr ? *pOverride : detail::PortTokenApi();
-}
+inline ITokenApi& Tokens() { return Seam<ITokenApi>::Get(detail::PortTokenApi); }
 
-// Puts a fake in force for its lifetime; nests, and must end in reverse order.
-class ScopedTokenApiOverride {
-public:
-    explicit ScopedTokenApiOverride(ITokenApi& i_fake)
-        : m_pPrevious(detail::g_pTokenApiOverride.exchange(&i_fake, std::memory_order_acq_rel)) {}
-    ~ScopedTokenApiOverride() { detail::g_pTokenApiOverride.store(m_pPrevious, std::memory_order_release); }
-    ScopedTokenApiOverride(const ScopedTokenApiOverride&) = delete;
-    ScopedTokenApiOverride& operator=(const ScopedTokenApiOverride&) = delete;
-
-private:
-    ITokenApi* m_pPrevious;
-};
+using ScopedTokenApiOverride = ScopedOverride<ITokenApi>;
 
 }  // namespace ostrel::platform
