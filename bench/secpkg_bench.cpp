@@ -21,9 +21,12 @@
 #include <string>
 #include <vector>
 
+#include "Percentile.h"
 #include "ostrel_platform/ISecurityApi.h"
 
 namespace {
+
+using ostrel_bench::Percentile;
 
 using Clock = std::chrono::steady_clock;
 namespace sp = ostrel::platform;
@@ -141,15 +144,6 @@ void BM_Exchange(benchmark::State& state, const char* i_pPath) {
 }
 void BM_Family(benchmark::State& state) { BM_Exchange<FamilyExchange>(state, "family"); }
 void BM_Direct(benchmark::State& state) { BM_Exchange<DirectExchange>(state, "direct"); }
-
-double Percentile(std::vector<double> i_values, double i_fraction) {
-    if (i_values.empty()) {
-        return 0;
-    }
-    const size_t index = std::min(i_values.size() - 1, size_t(i_fraction * double(i_values.size())));
-    std::nth_element(i_values.begin(), i_values.begin() + long(index), i_values.end());
-    return i_values[index];
-}
 
 void PrintSummary() {
     std::printf("\nexchanges per path and kind: %d x %d rounds; replay cache: %s\n", g_nExchanges, g_nRounds,

@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "foundation/LocalTime.h"
+#include "foundation/SString.h"
 
 namespace ostrel::platform::linuxport {
 
@@ -38,24 +39,6 @@ HandedOut& Buffers() {
     // Never destroyed: a caller may free a buffer while the process exits.
     static HandedOut* s_pBuffers = new HandedOut;
     return *s_pBuffers;
-}
-
-void AppendCodePoint(SecretBytes& io_out, uint32_t i_nCode) {
-    if (i_nCode < 0x80) {
-        io_out.Append(static_cast<char>(i_nCode));
-    } else if (i_nCode < 0x800) {
-        io_out.Append(static_cast<char>(0xC0 | (i_nCode >> 6)));
-        io_out.Append(static_cast<char>(0x80 | (i_nCode & 0x3F)));
-    } else if (i_nCode < 0x10000) {
-        io_out.Append(static_cast<char>(0xE0 | (i_nCode >> 12)));
-        io_out.Append(static_cast<char>(0x80 | ((i_nCode >> 6) & 0x3F)));
-        io_out.Append(static_cast<char>(0x80 | (i_nCode & 0x3F)));
-    } else {
-        io_out.Append(static_cast<char>(0xF0 | (i_nCode >> 18)));
-        io_out.Append(static_cast<char>(0x80 | ((i_nCode >> 12) & 0x3F)));
-        io_out.Append(static_cast<char>(0x80 | ((i_nCode >> 6) & 0x3F)));
-        io_out.Append(static_cast<char>(0x80 | (i_nCode & 0x3F)));
-    }
 }
 
 }  // namespace
@@ -148,7 +131,7 @@ SecretBytes IdentityText(const void* i_pText, ULONG i_nLength, bool i_bWide) {
         } else if (nCode >= 0xD800 && nCode < 0xE000) {
             nCode = 0xFFFD;  // half of a pair
         }
-        AppendCodePoint(text, nCode);
+        Tarvik500::EncodeUtf8(nCode, [&](char c) { text.Append(c); });
     }
     return text;
 }
