@@ -12,7 +12,8 @@ inline double Percentile(std::vector<double> i_values, double i_fraction) {
     if (i_values.empty()) {
         return 0;
     }
-    const size_t index = std::min(i_values.size() - 1, static_cast<size_t>(i_fraction * static_cast<double>(i_values.size())));
+    const size_t index =
+        std::min(i_values.size() - 1, static_cast<size_t>(i_fraction * static_cast<double>(i_values.size())));
     std::nth_element(i_values.begin(), i_values.begin() + static_cast<long>(index), i_values.end());
     return i_values[index];
 }

@@ -67,12 +67,13 @@ bool FamilyExchange(bool i_bDelegate) {
     server.hasCred = api.AcquireCredentialsHandleW(nullptr, package.data(), SECPKG_CRED_INBOUND, nullptr, nullptr,
                                                    nullptr, nullptr, &server.cred, &expiry) == SEC_E_OK;
     std::vector<unsigned char> a(48000), b(48000);
-    SecBuffer toServer{ULONG(a.size()), SECBUFFER_TOKEN, a.data()}, toClient{ULONG(b.size()), SECBUFFER_TOKEN, b.data()};
+    SecBuffer toServer{ULONG(a.size()), SECBUFFER_TOKEN, a.data()},
+        toClient{ULONG(b.size()), SECBUFFER_TOKEN, b.data()};
     SecBufferDesc toServerDesc{SECBUFFER_VERSION, 1, &toServer}, toClientDesc{SECBUFFER_VERSION, 1, &toClient};
     const ULONG fReq = ISC_REQ_MUTUAL_AUTH | (i_bDelegate ? ISC_REQ_DELEGATE : 0);
     ULONG attributes = 0;
-    SECURITY_STATUS st = api.InitializeSecurityContextW(&client.cred, nullptr, target.data(), fReq, 0, 16, nullptr,
-                                                        0, &client.ctx, &toServerDesc, &attributes, &expiry);
+    SECURITY_STATUS st = api.InitializeSecurityContextW(&client.cred, nullptr, target.data(), fReq, 0, 16, nullptr, 0,
+                                                        &client.ctx, &toServerDesc, &attributes, &expiry);
     client.hasCtx = st == SEC_I_CONTINUE_NEEDED;
     if (!client.hasCtx) {
         return false;
@@ -81,9 +82,9 @@ bool FamilyExchange(bool i_bDelegate) {
                                    &toClientDesc, &attributes, &expiry);
     server.hasCtx = st == SEC_E_OK;
     toServer.cbBuffer = ULONG(a.size());
-    return server.hasCtx && api.InitializeSecurityContextW(&client.cred, &client.ctx, target.data(), fReq, 0, 16,
-                                                           &toClientDesc, 0, &client.ctx, &toServerDesc, &attributes,
-                                                           &expiry) == SEC_E_OK;
+    return server.hasCtx &&
+           api.InitializeSecurityContextW(&client.cred, &client.ctx, target.data(), fReq, 0, 16, &toClientDesc, 0,
+                                          &client.ctx, &toServerDesc, &attributes, &expiry) == SEC_E_OK;
 }
 
 // ---- The same calls on GSS-API directly ----
@@ -111,8 +112,7 @@ bool DirectExchange(bool i_bDelegate) {
         gss_accept_sec_context(&minor, &server, acceptor, &toServer, GSS_C_NO_CHANNEL_BINDINGS, &source, nullptr,
                                &toClient, nullptr, nullptr, &delegated) == GSS_S_COMPLETE &&
         gss_init_sec_context(&minor, initiator, &client, target, const_cast<gss_OID>(gss_mech_krb5), flags, 0,
-                             GSS_C_NO_CHANNEL_BINDINGS, &toClient, nullptr, &last, nullptr,
-                             nullptr) == GSS_S_COMPLETE;
+                             GSS_C_NO_CHANNEL_BINDINGS, &toClient, nullptr, &last, nullptr, nullptr) == GSS_S_COMPLETE;
     for (gss_buffer_desc* p : {&toServer, &toClient, &last}) {
         gss_release_buffer(&minor, p);
     }
@@ -190,8 +190,8 @@ int main(int argc, char** argv) {
     // Rounds alternate the paths so that a drift of the machine hits both alike.
     for (int round = 1; round <= g_nRounds; ++round) {
         for (int delegate : {0, 1}) {
-            const std::string suffix = std::string(delegate ? "/delegating" : "/mutual") + "/round:" +
-                                       std::to_string(round);
+            const std::string suffix =
+                std::string(delegate ? "/delegating" : "/mutual") + "/round:" + std::to_string(round);
             using Bench = void (*)(benchmark::State&);
             for (const auto& [name, fn] : {std::pair<const char*, Bench>{"direct", BM_Direct},
                                            std::pair<const char*, Bench>{"family", BM_Family}}) {

@@ -1,5 +1,7 @@
 #include "platform/linux/GssKrb5.h"
 
+#include <dlfcn.h>
+
 #include <cstring>
 
 namespace ostrel::platform::linuxport {
@@ -58,6 +60,13 @@ bool GssKrb5::Bind() {
                         m_release_buffer != nullptr;
     if (!bBound) {
         m_library.FreeLibrary();
+    } else {
+        // Kerberos keeps what it allocates in its own globals and is not made to be
+        // unloaded: once bound, the library stays for the life of the process.
+        Dl_info where{};
+        if (dladdr(reinterpret_cast<void*>(m_acquire_cred), &where) != 0 && where.dli_fname != nullptr) {
+            dlopen(where.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+        }
     }
     m_bBound.store(bBound, std::memory_order_release);
     return bBound;

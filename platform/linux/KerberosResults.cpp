@@ -72,7 +72,7 @@ SECURITY_STATUS InitiateResult(OM_uint32 i_nMajor, OM_uint32 i_nMinor) {
         default:
             // The acceptor's reply does not check out.
             return i_nMinor == krb5err::kBadIntegrity || i_nMinor == krb5err::kModified ? SEC_E_INVALID_TOKEN
-                                                                                       : SEC_E_INTERNAL_ERROR;
+                                                                                        : SEC_E_INTERNAL_ERROR;
     }
 }
 

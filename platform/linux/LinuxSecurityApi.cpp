@@ -13,10 +13,15 @@
 namespace ostrel::platform {
 
 ISecurityApi& detail::PortSecurityApi() {
-    // Never destroyed: handles may be used while the process exits.
-    static linuxport::LinuxSecurityApi* s_pApi = new linuxport::LinuxSecurityApi(DefaultGssapiLibraryName());
-    return *s_pApi;
+    static linuxport::LinuxSecurityApi s_api(DefaultGssapiLibraryName());
+    return s_api;
 }
+
+namespace {
+// Made when the library loads, before the objects of the logic that hold its
+// handles, so that it ends after them (at exit, or when the library unloads).
+[[maybe_unused]] const bool g_bPortMade = (detail::PortSecurityApi(), true);
+}  // namespace
 
 namespace linuxport {
 
@@ -50,8 +55,8 @@ bool IsKerberos(const WCHAR* i_pName) {
     size_t i = 0;
     for (; kPackageName[i] != 0; ++i) {
         const char16_t c = i_pName[i] >= u'A' && i_pName[i] <= u'Z' ? i_pName[i] - u'A' + u'a' : i_pName[i];
-        const char16_t want = kPackageName[i] >= u'A' && kPackageName[i] <= u'Z' ? kPackageName[i] - u'A' + u'a'
-                                                                                 : kPackageName[i];
+        const char16_t want =
+            kPackageName[i] >= u'A' && kPackageName[i] <= u'Z' ? kPackageName[i] - u'A' + u'a' : kPackageName[i];
         if (c != want) {
             return false;
         }
@@ -203,7 +208,9 @@ SECURITY_STATUS LinuxSecurityApi::AcquireInitiator(KerberosCredential& io_creden
         const auto* pIdentity = static_cast<const SEC_WINNT_AUTH_IDENTITY_W*>(i_pAuthData);
         const bool bWide = (pIdentity->Flags & SEC_WINNT_AUTH_IDENTITY_UNICODE) != 0;
         const bool bNarrow = (pIdentity->Flags & SEC_WINNT_AUTH_IDENTITY_ANSI) != 0;
-        const auto fits = [](const void* i_p, ULONG i_n) { return (i_p != nullptr || i_n == 0) && i_n <= kMaxTextLength; };
+        const auto fits = [](const void* i_p, ULONG i_n) {
+            return (i_p != nullptr || i_n == 0) && i_n <= kMaxTextLength;
+        };
         if (bWide == bNarrow || pIdentity->User == nullptr || pIdentity->UserLength == 0 ||
             !fits(pIdentity->User, pIdentity->UserLength) || !fits(pIdentity->Domain, pIdentity->DomainLength) ||
             !fits(pIdentity->Password, pIdentity->PasswordLength)) {
@@ -309,10 +316,9 @@ SECURITY_STATUS LinuxSecurityApi::Initiate(const std::shared_ptr<KerberosContext
     gss_buffer_desc token = {0, nullptr};
     OM_uint32 nMinor = 0;
     OM_uint32 nFlags = 0;
-    const OM_uint32 nMajor =
-        m_gss.InitSecContext(&nMinor, context.m_pCredential != nullptr ? context.m_pCredential->Get() : nullptr,
-                             &context.m_context, context.m_target, context.m_nFlags,
-                             i_pInput != nullptr ? &input : nullptr, &token, &nFlags);
+    const OM_uint32 nMajor = m_gss.InitSecContext(
+        &nMinor, context.m_pCredential != nullptr ? context.m_pCredential->Get() : nullptr, &context.m_context,
+        context.m_target, context.m_nFlags, i_pInput != nullptr ? &input : nullptr, &token, &nFlags);
     if (gss::IsError(nMajor)) {
         m_gss.ReleaseBuffer(token);
         context.m_eState = KerberosContext::State::Failed;
@@ -325,10 +331,9 @@ SECURITY_STATUS LinuxSecurityApi::Initiate(const std::shared_ptr<KerberosContext
 }
 
 SECURITY_STATUS LinuxSecurityApi::AcceptSecurityContext(PCredHandle phCredential, PCtxtHandle phContext,
-                                                        PSecBufferDesc pInput, ULONG fContextReq,
-                                                        ULONG TargetDataRep, PCtxtHandle phNewContext,
-                                                        PSecBufferDesc pOutput, ULONG* pfContextAttr,
-                                                        PTimeStamp ptsExpiry) {
+                                                        PSecBufferDesc pInput, ULONG fContextReq, ULONG TargetDataRep,
+                                                        PCtxtHandle phNewContext, PSecBufferDesc pOutput,
+                                                        ULONG* pfContextAttr, PTimeStamp ptsExpiry) {
     (void)TargetDataRep;
     return Guarded([&] {
         gss_buffer_desc input = {0, nullptr};
@@ -378,8 +383,8 @@ SECURITY_STATUS LinuxSecurityApi::Accept(const std::shared_ptr<KerberosContext>&
     gss_cred_id_t delegated = nullptr;
     OM_uint32 nMinor = 0;
     OM_uint32 nFlags = 0;
-    const OM_uint32 nMajor = m_gss.AcceptSecContext(&nMinor, &context.m_context, context.m_pCredential->Get(),
-                                                    &i_input, &source, &token, &nFlags, &delegated);
+    const OM_uint32 nMajor = m_gss.AcceptSecContext(&nMinor, &context.m_context, context.m_pCredential->Get(), &i_input,
+                                                    &source, &token, &nFlags, &delegated);
     // Owned at once, so that nothing below can lose them.
     m_gss.ReleaseName(context.m_source);
     context.m_source = source;

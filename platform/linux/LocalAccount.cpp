@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-
 #include <vector>
 
 namespace ostrel::platform::linuxport {

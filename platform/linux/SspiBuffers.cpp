@@ -36,10 +36,11 @@ struct HandedOut {
 };
 
 HandedOut& Buffers() {
-    // Never destroyed: a caller may free a buffer while the process exits.
-    static HandedOut* s_pBuffers = new HandedOut;
-    return *s_pBuffers;
+    static HandedOut s_buffers;
+    return s_buffers;
 }
+// Made when the library loads, so that it ends after whatever holds such buffers.
+[[maybe_unused]] const bool g_bBuffersMade = (Buffers(), true);
 
 }  // namespace
 

@@ -35,18 +35,14 @@ public:
         return ::AcceptSecurityContext(phCredential, phContext, pInput, fContextReq, TargetDataRep, phNewContext,
                                        pOutput, pfContextAttr, ptsExpiry);
     }
-    SECURITY_STATUS DeleteSecurityContext(PCtxtHandle phContext) override {
-        return ::DeleteSecurityContext(phContext);
-    }
+    SECURITY_STATUS DeleteSecurityContext(PCtxtHandle phContext) override { return ::DeleteSecurityContext(phContext); }
     SECURITY_STATUS QueryContextAttributesW(PCtxtHandle phContext, ULONG ulAttribute, PVOID pBuffer) override {
         return ::QueryContextAttributesW(phContext, ulAttribute, pBuffer);
     }
     SECURITY_STATUS ImpersonateSecurityContext(PCtxtHandle phContext) override {
         return ::ImpersonateSecurityContext(phContext);
     }
-    SECURITY_STATUS RevertSecurityContext(PCtxtHandle phContext) override {
-        return ::RevertSecurityContext(phContext);
-    }
+    SECURITY_STATUS RevertSecurityContext(PCtxtHandle phContext) override { return ::RevertSecurityContext(phContext); }
 };
 
 }  // namespace

@@ -44,12 +44,12 @@ using gss_buffer_set_t = gss_buffer_set_desc*;
 using gss_acquire_cred_fn = OM_uint32 (*)(OM_uint32*, gss_name_t, OM_uint32, gss_OID_set, gss_cred_usage_t,
                                           gss_cred_id_t*, gss_OID_set*, OM_uint32*);
 using gss_release_cred_fn = OM_uint32 (*)(OM_uint32*, gss_cred_id_t*);
-using gss_init_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_cred_id_t, gss_ctx_id_t*, gss_name_t, gss_OID,
-                                              OM_uint32, OM_uint32, gss_channel_bindings_t, gss_buffer_t, gss_OID*,
-                                              gss_buffer_t, OM_uint32*, OM_uint32*);
+using gss_init_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_cred_id_t, gss_ctx_id_t*, gss_name_t, gss_OID, OM_uint32,
+                                              OM_uint32, gss_channel_bindings_t, gss_buffer_t, gss_OID*, gss_buffer_t,
+                                              OM_uint32*, OM_uint32*);
 using gss_accept_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_ctx_id_t*, gss_cred_id_t, gss_buffer_t,
-                                                gss_channel_bindings_t, gss_name_t*, gss_OID*, gss_buffer_t,
-                                                OM_uint32*, OM_uint32*, gss_cred_id_t*);
+                                                gss_channel_bindings_t, gss_name_t*, gss_OID*, gss_buffer_t, OM_uint32*,
+                                                OM_uint32*, gss_cred_id_t*);
 using gss_delete_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_ctx_id_t*, gss_buffer_t);
 using gss_import_name_fn = OM_uint32 (*)(OM_uint32*, gss_buffer_t, gss_OID, gss_name_t*);
 using gss_display_name_fn = OM_uint32 (*)(OM_uint32*, gss_name_t, gss_buffer_t, gss_OID*);
@@ -91,9 +91,7 @@ inline constexpr int kGssCode = 1;
 inline constexpr int kMechCode = 2;
 
 // The routine-error field alone.
-constexpr OM_uint32 RoutineError(OM_uint32 i_nStatus) {
-    return i_nStatus & (kErrorMask << kRoutineErrorOffset);
-}
+constexpr OM_uint32 RoutineError(OM_uint32 i_nStatus) { return i_nStatus & (kErrorMask << kRoutineErrorOffset); }
 // A calling or routine error: the supplementary bits don't count.
 constexpr bool IsError(OM_uint32 i_nStatus) {
     return (i_nStatus & ((kErrorMask << kCallingErrorOffset) | (kErrorMask << kRoutineErrorOffset))) != 0;
@@ -110,7 +108,7 @@ Tarvik500::CRWLock& GssCallGate();
 // the last of them lets go.
 class GssLibrary {
 public:
-    GssLibrary() = default;
+    GssLibrary();
     GssLibrary(const GssLibrary&) = delete;
     GssLibrary& operator=(const GssLibrary&) = delete;
 
