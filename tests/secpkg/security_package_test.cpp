@@ -300,7 +300,7 @@ TEST_F(SecurityPackage, ImpersonationTakesTheLocalAccountAndItsDelegatedCredenti
             ASSERT_EQ(Security().ImpersonateSecurityContext(&pServer->ctx), SEC_E_OK);
             const KernelIds during = ReadKernel();
             const std::set<gid_t> accountGroups(groups.begin(), groups.begin() + nGroups);
-            EXPECT_EQ(during, bPrivileged && bRoot ? KernelIds{uid, gid, accountGroups} : before);
+            EXPECT_EQ(during, (bPrivileged && bRoot ? KernelIds{uid, gid, accountGroups} : before));
             EXPECT_EQ(ThreadTokenSids(), expected);
             EXPECT_EQ(Onward(), SEC_I_CONTINUE_NEEDED);
             if (bPrivileged) {
