@@ -66,7 +66,8 @@ bool FamilyExchange(bool i_bDelegate) {
                                                    nullptr, nullptr, &client.cred, &expiry) == SEC_E_OK;
     server.hasCred = api.AcquireCredentialsHandleW(nullptr, package.data(), SECPKG_CRED_INBOUND, nullptr, nullptr,
                                                    nullptr, nullptr, &server.cred, &expiry) == SEC_E_OK;
-    std::vector<unsigned char> a(48000), b(48000);
+    // The caller's token buffers, of cbMaxToken each: made once, they are not the family's cost.
+    static std::vector<unsigned char> a(48000), b(48000);
     SecBuffer toServer{ULONG(a.size()), SECBUFFER_TOKEN, a.data()},
         toClient{ULONG(b.size()), SECBUFFER_TOKEN, b.data()};
     SecBufferDesc toServerDesc{SECBUFFER_VERSION, 1, &toServer}, toClientDesc{SECBUFFER_VERSION, 1, &toClient};
