@@ -47,6 +47,8 @@ SECURITY_STATUS Guarded(Fn&& i_fn) {
     }
 }
 
+char16_t Lower(char16_t i_c) { return i_c >= u'A' && i_c <= u'Z' ? char16_t(i_c - u'A' + u'a') : i_c; }
+
 // Windows' package names are matched regardless of case.
 bool IsKerberos(const WCHAR* i_pName) {
     if (i_pName == nullptr) {
@@ -54,10 +56,7 @@ bool IsKerberos(const WCHAR* i_pName) {
     }
     size_t i = 0;
     for (; kPackageName[i] != 0; ++i) {
-        const char16_t c = i_pName[i] >= u'A' && i_pName[i] <= u'Z' ? i_pName[i] - u'A' + u'a' : i_pName[i];
-        const char16_t want =
-            kPackageName[i] >= u'A' && kPackageName[i] <= u'Z' ? kPackageName[i] - u'A' + u'a' : kPackageName[i];
-        if (c != want) {
+        if (Lower(i_pName[i]) != Lower(kPackageName[i])) {
             return false;
         }
     }
