@@ -27,10 +27,13 @@
 #include <type_traits>
 #include <vector>
 
+#include "Percentile.h"
 #include "PluginHost.h"
 #include "ostrel/ostrel.h"
 
 namespace {
+
+using ostrel_bench::Percentile;
 
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<unsigned char>;
@@ -224,15 +227,6 @@ void BM_Login(benchmark::State& state, const char* i_pPath) {
 
 void BM_PluginLogin(benchmark::State& state) { BM_Login<PluginLogin>(state, "plugin"); }
 void BM_DirectLogin(benchmark::State& state) { BM_Login<DirectLogin>(state, "direct"); }
-
-double Percentile(std::vector<double> i_values, double i_fraction) {
-    if (i_values.empty()) {
-        return 0;
-    }
-    const size_t index = std::min(i_values.size() - 1, static_cast<size_t>(i_fraction * static_cast<double>(i_values.size())));
-    std::nth_element(i_values.begin(), i_values.begin() + static_cast<long>(index), i_values.end());
-    return i_values[index];
-}
 
 void PrintSummary() {
     const std::string rcache = Env("KRB5RCACHETYPE", "default");

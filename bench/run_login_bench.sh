@@ -14,28 +14,8 @@ BUILD=${1:-$ROOT/build/default}
 BENCH=$BUILD/bench/bench_login
 [ -x "$BENCH" ] || { echo "no $BENCH: build the target bench_login first" >&2; exit 1; }
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/ostrel-login-bench.XXXXXX")
-REALM=$WORK/realm
-cleanup() {
-  local status=$?
-  trap - EXIT INT TERM
-  if [ -f "$REALM/realm.state" ]; then
-    "$ROOT/tests/realm/realm.sh" destroy "$REALM" >/dev/null 2>&1 || status=1
-  fi
-  rm -rf "$WORK"
-  exit "$status"
-}
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-
-"$ROOT/tests/realm/realm.sh" start "$REALM" --watch $$ >"$WORK/realm.log" 2>&1 ||
-  { cat "$WORK/realm.log" >&2; exit 1; }
-# shellcheck disable=SC1091
-. "$REALM/env.sh"
-
 echo "### replay cache on"
-"$BENCH" "$@"
+"$ROOT/bench/with-realm.sh" "$BENCH" "$@"
 echo
 echo "### replay cache off"
-KRB5RCACHETYPE=none "$BENCH" "$@"
+KRB5RCACHETYPE=none "$ROOT/bench/with-realm.sh" "$BENCH" "$@"

@@ -32,23 +32,31 @@ set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/ostrelplugin_impl.cpp
 )
 
+set(OSTREL_PLATFORM_SOURCES platform/common/GssLibrary.cpp)
 if(WIN32)
-  set(OSTREL_PLATFORM_SOURCES
+  list(APPEND OSTREL_PLATFORM_SOURCES
     platform/win32/GssLibraryName.cpp
+    platform/win32/Win32SecurityApi.cpp
     platform/win32/Win32SystemApi.cpp
     platform/win32/Win32TokenApi.cpp
   )
 else()
-  set(OSTREL_PLATFORM_SOURCES
+  list(APPEND OSTREL_PLATFORM_SOURCES
+    platform/linux/GssKrb5.cpp
     platform/linux/GssLibraryName.cpp
+    platform/linux/KerberosObjects.cpp
+    platform/linux/KerberosResults.cpp
     platform/linux/LinuxCredentials.cpp
+    platform/linux/LinuxSecurityApi.cpp
     platform/linux/LinuxSystemApi.cpp
     platform/linux/LinuxTokenApi.cpp
+    platform/linux/LocalAccount.cpp
+    platform/linux/SspiBuffers.cpp
   )
 endif()
 
 set(OSTREL_SOURCES ${OSTREL_FOUNDATION_SOURCES} ${OSTREL_LOGIC_SOURCES} ${OSTREL_PLATFORM_SOURCES})
 set(OSTREL_SYSTEM_LIBS)
 if(WIN32)
-  list(APPEND OSTREL_SYSTEM_LIBS advapi32)
+  list(APPEND OSTREL_SYSTEM_LIBS advapi32 secur32)
 endif()

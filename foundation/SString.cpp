@@ -77,21 +77,7 @@ bool Utf16ToUtf8(const ostrel_char* i_pText, std::string& o_out) {
         } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
             return false;
         }
-        if (cp < 0x80) {
-            o_out.push_back(static_cast<char>(cp));
-        } else if (cp < 0x800) {
-            o_out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-            o_out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else if (cp < 0x10000) {
-            o_out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-            o_out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            o_out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else {
-            o_out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-            o_out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-            o_out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            o_out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        }
+        EncodeUtf8(cp, [&](char c) { o_out.push_back(c); });
     }
     return true;
 }

@@ -233,6 +233,21 @@ protected:
 using SWCharStringBase = SString_t<ostrel_char, 1>;
 using SAnsiString = SString_t<char, 0>;
 
+// The UTF-8 bytes of one code point, each handed to i_put in order.
+template <class Put>
+void EncodeUtf8(uint32_t i_nCode, Put&& i_put) {
+    if (i_nCode < 0x80) {
+        i_put(static_cast<char>(i_nCode));
+        return;
+    }
+    const int nExtra = i_nCode < 0x800 ? 1 : i_nCode < 0x10000 ? 2 : 3;
+    static constexpr unsigned char s_lead[4] = {0, 0xC0, 0xE0, 0xF0};
+    i_put(static_cast<char>(s_lead[nExtra] | (i_nCode >> (6 * nExtra))));
+    for (int i = nExtra - 1; i >= 0; --i) {
+        i_put(static_cast<char>(0x80 | ((i_nCode >> (6 * i)) & 0x3F)));
+    }
+}
+
 // Narrow text is UTF-8 throughout; the conversions live in SString.cpp.
 template <>
 bool SString_t<ostrel_char, 1>::copyFrom(const ostrel_char* i_pText);

@@ -39,10 +39,11 @@ DllCallLocker::~DllCallLocker() {
     pWriteLocker = nullptr;
 }
 
-GSSAPIDllWrapper::GSSAPIDllWrapper() : m_ssDllName(platform::DefaultGssapiLibraryName()), m_bThreadSafe(false) {}
+GSSAPIDllWrapper::GSSAPIDllWrapper()
+    : m_ssDllName(platform::DefaultGssapiLibraryName()), m_Lock(platform::GssCallGate()), m_bThreadSafe(false) {}
 
 GSSAPIDllWrapper::GSSAPIDllWrapper(const SWCharString& i_ssDllName, bool i_bThreadSafe)
-    : m_ssDllName(i_ssDllName), m_bThreadSafe(i_bThreadSafe) {}
+    : m_ssDllName(i_ssDllName), m_Lock(platform::GssCallGate()), m_bThreadSafe(i_bThreadSafe) {}
 
 GSSAPIDllWrapper::~GSSAPIDllWrapper() {
     const bool bWasBound = m_bInitialized;

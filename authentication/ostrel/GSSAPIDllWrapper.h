@@ -10,27 +10,22 @@
 #include "foundation/Locks.h"
 #include "foundation/RefCount.h"
 #include "foundation/SharedLibrary.h"
+#include "ostrel_platform/GssApi.h"
 
 namespace ostrel {
 
-// What is needed of the standard C binding, declared here: no GSS-API header is compiled in.
-using OM_uint32 = uint32_t;
-using gss_cred_id_t = struct gss_cred_id_struct*;
-using gss_ctx_id_t = struct gss_ctx_id_struct*;
-using gss_name_t = struct gss_name_struct*;
-using gss_channel_bindings_t = struct gss_channel_bindings_struct*;
-using gss_cred_usage_t = int;
-struct gss_buffer_desc {
-    size_t length;
-    void* value;
-};
-using gss_buffer_t = gss_buffer_desc*;
-struct gss_OID_desc {
-    OM_uint32 length;
-    void* elements;
-};
-using gss_OID = gss_OID_desc*;
-using gss_OID_set = struct gss_OID_set_desc_struct*;
+// What is needed of the standard C binding: the process's one set of declarations.
+using platform::gss_buffer_desc;
+using platform::gss_buffer_t;
+using platform::gss_channel_bindings_t;
+using platform::gss_cred_id_t;
+using platform::gss_cred_usage_t;
+using platform::gss_ctx_id_t;
+using platform::gss_name_t;
+using platform::gss_OID;
+using platform::gss_OID_desc;
+using platform::gss_OID_set;
+using platform::OM_uint32;
 
 class GSSAPIDllWrapper : public CRefCount {
 public:
@@ -41,26 +36,26 @@ public:
     static constexpr gss_cred_id_t GSS_C_NO_CREDENTIAL = nullptr;
     static constexpr gss_name_t GSS_C_NO_NAME = nullptr;
     static constexpr gss_channel_bindings_t GSS_C_NO_CHANNEL_BINDINGS = nullptr;
-    static constexpr OM_uint32 GSS_C_INDEFINITE = 0xFFFFFFFFu;
-    static constexpr gss_cred_usage_t GSS_C_BOTH = 0;
-    static constexpr gss_cred_usage_t GSS_C_INITIATE = 1;
-    static constexpr gss_cred_usage_t GSS_C_ACCEPT = 2;
-    static constexpr OM_uint32 GSS_C_DELEG_FLAG = 1;
-    static constexpr OM_uint32 GSS_C_MUTUAL_FLAG = 2;
-    static constexpr int GSS_C_GSS_CODE = 1;
-    static constexpr int GSS_C_MECH_CODE = 2;
-    static constexpr OM_uint32 GSS_C_CALLING_ERROR_OFFSET = 24;
-    static constexpr OM_uint32 GSS_C_ROUTINE_ERROR_OFFSET = 16;
-    static constexpr OM_uint32 GSS_C_CALLING_ERROR_MASK = 0377;
-    static constexpr OM_uint32 GSS_C_ROUTINE_ERROR_MASK = 0377;
-    static constexpr OM_uint32 GSS_S_COMPLETE = 0;
-    static constexpr OM_uint32 GSS_S_CONTINUE_NEEDED = 1;
-    static constexpr OM_uint32 GSS_S_BAD_MECH = 1u << GSS_C_ROUTINE_ERROR_OFFSET;
-    static constexpr OM_uint32 GSS_S_BAD_NAMETYPE = 3u << GSS_C_ROUTINE_ERROR_OFFSET;
-    static constexpr OM_uint32 GSS_S_DEFECTIVE_TOKEN = 9u << GSS_C_ROUTINE_ERROR_OFFSET;
-    static constexpr OM_uint32 GSS_S_NO_CRED = 7u << GSS_C_ROUTINE_ERROR_OFFSET;
-    static constexpr OM_uint32 GSS_S_CREDENTIALS_EXPIRED = 11u << GSS_C_ROUTINE_ERROR_OFFSET;
-    static constexpr OM_uint32 GSS_S_FAILURE = 13u << GSS_C_ROUTINE_ERROR_OFFSET;
+    static constexpr OM_uint32 GSS_C_INDEFINITE = platform::gss::kIndefinite;
+    static constexpr gss_cred_usage_t GSS_C_BOTH = platform::gss::kBoth;
+    static constexpr gss_cred_usage_t GSS_C_INITIATE = platform::gss::kInitiate;
+    static constexpr gss_cred_usage_t GSS_C_ACCEPT = platform::gss::kAccept;
+    static constexpr OM_uint32 GSS_C_DELEG_FLAG = platform::gss::kDelegFlag;
+    static constexpr OM_uint32 GSS_C_MUTUAL_FLAG = platform::gss::kMutualFlag;
+    static constexpr int GSS_C_GSS_CODE = platform::gss::kGssCode;
+    static constexpr int GSS_C_MECH_CODE = platform::gss::kMechCode;
+    static constexpr OM_uint32 GSS_C_CALLING_ERROR_OFFSET = platform::gss::kCallingErrorOffset;
+    static constexpr OM_uint32 GSS_C_ROUTINE_ERROR_OFFSET = platform::gss::kRoutineErrorOffset;
+    static constexpr OM_uint32 GSS_C_CALLING_ERROR_MASK = platform::gss::kErrorMask;
+    static constexpr OM_uint32 GSS_C_ROUTINE_ERROR_MASK = platform::gss::kErrorMask;
+    static constexpr OM_uint32 GSS_S_COMPLETE = platform::gss::kComplete;
+    static constexpr OM_uint32 GSS_S_CONTINUE_NEEDED = platform::gss::kContinueNeeded;
+    static constexpr OM_uint32 GSS_S_BAD_MECH = platform::gss::kBadMech;
+    static constexpr OM_uint32 GSS_S_BAD_NAMETYPE = platform::gss::kBadNameType;
+    static constexpr OM_uint32 GSS_S_DEFECTIVE_TOKEN = platform::gss::kDefectiveToken;
+    static constexpr OM_uint32 GSS_S_NO_CRED = platform::gss::kNoCred;
+    static constexpr OM_uint32 GSS_S_CREDENTIALS_EXPIRED = platform::gss::kCredentialsExpired;
+    static constexpr OM_uint32 GSS_S_FAILURE = platform::gss::kFailure;
     static gss_OID_desc GSS_C_NT_USER_NAME_desc;
     static gss_OID_desc GSS_C_NT_HOSTBASED_SERVICE_desc;
     static const gss_OID GSS_C_NT_USER_NAME;
@@ -118,21 +113,16 @@ protected:
     ~GSSAPIDllWrapper() override;
 
 private:
-    using acquire_cred_fn = OM_uint32 (*)(OM_uint32*, gss_name_t, OM_uint32, gss_OID_set, gss_cred_usage_t,
-                                          gss_cred_id_t*, gss_OID_set*, OM_uint32*);
-    using release_cred_fn = OM_uint32 (*)(OM_uint32*, gss_cred_id_t*);
-    using init_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_cred_id_t, gss_ctx_id_t*, gss_name_t, gss_OID,
-                                              OM_uint32, OM_uint32, gss_channel_bindings_t, gss_buffer_t, gss_OID*,
-                                              gss_buffer_t, OM_uint32*, OM_uint32*);
-    using accept_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_ctx_id_t*, gss_cred_id_t, gss_buffer_t,
-                                                gss_channel_bindings_t, gss_name_t*, gss_OID*, gss_buffer_t,
-                                                OM_uint32*, OM_uint32*, gss_cred_id_t*);
-    using delete_sec_context_fn = OM_uint32 (*)(OM_uint32*, gss_ctx_id_t*, gss_buffer_t);
-    using import_name_fn = OM_uint32 (*)(OM_uint32*, gss_buffer_t, gss_OID, gss_name_t*);
-    using display_name_fn = OM_uint32 (*)(OM_uint32*, gss_name_t, gss_buffer_t, gss_OID*);
-    using display_status_fn = OM_uint32 (*)(OM_uint32*, OM_uint32, int, gss_OID, OM_uint32*, gss_buffer_t);
-    using release_name_fn = OM_uint32 (*)(OM_uint32*, gss_name_t*);
-    using release_buffer_fn = OM_uint32 (*)(OM_uint32*, gss_buffer_t);
+    using acquire_cred_fn = platform::gss_acquire_cred_fn;
+    using release_cred_fn = platform::gss_release_cred_fn;
+    using init_sec_context_fn = platform::gss_init_sec_context_fn;
+    using accept_sec_context_fn = platform::gss_accept_sec_context_fn;
+    using delete_sec_context_fn = platform::gss_delete_sec_context_fn;
+    using import_name_fn = platform::gss_import_name_fn;
+    using display_name_fn = platform::gss_display_name_fn;
+    using display_status_fn = platform::gss_display_status_fn;
+    using release_name_fn = platform::gss_release_name_fn;
+    using release_buffer_fn = platform::gss_release_buffer_fn;
 
     // Runs one call into the library through the gate.
     template <class Fn, class... Args>
@@ -142,9 +132,12 @@ private:
     void AppendStatus(SWCharString& io_ssText, OM_uint32 i_nStatus, int i_nType, const ostrel_char* i_pLabel);
 
     SWCharString m_ssDllName;
-    CSharedLibrary m_Dll;
+    // Shared with every other binding of the same library in the process.
+    platform::GssLibrary m_Dll;
     bool m_bInitialized = false;
-    mutable CRWLock m_Lock;
+    // The process's gate: every GSS-API call of the process passes it, so a
+    // library taken as not thread-safe is never entered twice at once.
+    CRWLock& m_Lock;
     bool m_bThreadSafe;
     acquire_cred_fn m_gss_acquire_cred = nullptr;
     release_cred_fn m_gss_release_cred = nullptr;

@@ -88,6 +88,7 @@ struct ThreadState {
     // The kernel credentials were changed, and m_original brings them back.
     bool m_bSwitched = false;
     KernelCredentials m_original;
+    std::shared_ptr<const ImpersonationAttachment> m_pAttachment;
 };
 
 thread_local ThreadState t_state;
@@ -262,7 +263,9 @@ bool LinuxTokenApi::SwitchesKernelCredentials() const {
     return m_eMode == ImpersonationMode::Automatic && ThreadMaySwitchUsers();
 }
 
-BOOL LinuxTokenApi::ImpersonateLoggedOnUser(HANDLE hToken) {
+std::shared_ptr<const ImpersonationAttachment> LinuxTokenApi::CurrentAttachment() { return t_state.m_pAttachment; }
+
+BOOL LinuxTokenApi::ImpersonateWith(HANDLE hToken, std::shared_ptr<const ImpersonationAttachment> i_pAttachment) {
     const std::shared_ptr<const Token> pToken = LiveTokens().Find(hToken);
     if (!pToken) {
         return FailWith(ERROR_INVALID_HANDLE);
@@ -302,6 +305,7 @@ BOOL LinuxTokenApi::ImpersonateLoggedOnUser(HANDLE hToken) {
         state.m_token = std::move(target);
         state.m_bSwitched = bSwitch;
         state.m_original = std::move(original);
+        state.m_pAttachment = std::move(i_pAttachment);
         return TRUE;
     } catch (const std::bad_alloc&) {
         return FailWith(ERROR_NOT_ENOUGH_MEMORY);
@@ -315,6 +319,8 @@ BOOL LinuxTokenApi::RevertToSelf() {
     }
     state.m_bImpersonating = false;
     state.m_token = Identity{};
+    // Last: letting go may run another port's clean-up.
+    state.m_pAttachment.reset();
     return TRUE;
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "ostrel_platform/ITokenApi.h"
@@ -24,6 +25,14 @@ struct Identity {
 
 // Same user, same primary group, same set of supplementary groups.
 bool SameIdentity(const Identity& i_a, const Identity& i_b);
+
+// What a thread keeps with an impersonation for another port (the security
+// package keeps a context's delegated credentials there). It goes when the
+// impersonation ends: RevertToSelf, or the next impersonation.
+class ImpersonationAttachment {
+public:
+    virtual ~ImpersonationAttachment() = default;
+};
 
 enum class ImpersonationMode {
     // Switch the thread's kernel credentials when it holds CAP_SETUID and
@@ -57,7 +66,7 @@ public:
     BOOL OpenProcessToken(HANDLE ProcessHandle, DWORD DesiredAccess, PHANDLE TokenHandle) override;
     // Impersonating while impersonating replaces the first; if a switch fails
     // the thread is left as itself, impersonating nobody.
-    BOOL ImpersonateLoggedOnUser(HANDLE hToken) override;
+    BOOL ImpersonateLoggedOnUser(HANDLE hToken) override { return ImpersonateWith(hToken, nullptr); }
     BOOL RevertToSelf() override;
     // TokenUser and TokenGroups (the primary group first, then the others).
     BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass, LPVOID TokenInformation,
@@ -71,6 +80,11 @@ public:
     // A primary token with full access for a local account, for the ports that
     // map a principal to one. FALSE and the last error on failure.
     BOOL CreateToken(const Identity& i_identity, PHANDLE o_phToken);
+
+    // ImpersonateLoggedOnUser, with something for the thread to keep meanwhile.
+    BOOL ImpersonateWith(HANDLE hToken, std::shared_ptr<const ImpersonationAttachment> i_pAttachment);
+    // What the calling thread keeps with its impersonation; null when none.
+    static std::shared_ptr<const ImpersonationAttachment> CurrentAttachment();
 
     // Whether an impersonation on the calling thread would reach the kernel now.
     bool SwitchesKernelCredentials() const;
