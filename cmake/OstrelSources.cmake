@@ -20,6 +20,10 @@ set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/GSSAPIDllWrapper.cpp
   authentication/ostrel/GSSAPIHandler.cpp
   authentication/ostrel/HandlerFactory.cpp
+  authentication/ostrel/KerberosSSPICredentials.cpp
+  authentication/ostrel/KerberosSSPIHandler.cpp
+  authentication/ostrel/KerberosSSPILogonInfo.cpp
+  authentication/ostrel/SSPIStaticToken.cpp
   authentication/ostrel/SSOSession.cpp
   authentication/ostrel/SessionManager.cpp
   authentication/ostrel/ThreadTokenHandler.cpp
@@ -35,6 +39,7 @@ set(OSTREL_LOGIC_SOURCES
 if(WIN32)
   set(OSTREL_PLATFORM_SOURCES
     platform/win32/GssLibraryName.cpp
+    platform/win32/SecurityApiPending.cpp
     platform/win32/Win32SystemApi.cpp
     platform/win32/Win32TokenApi.cpp
   )
@@ -44,6 +49,7 @@ else()
     platform/linux/LinuxCredentials.cpp
     platform/linux/LinuxSystemApi.cpp
     platform/linux/LinuxTokenApi.cpp
+    platform/linux/SecurityApiPending.cpp
   )
 endif()
 
