@@ -18,10 +18,10 @@ public:
         ULONG nOutput = 0;  // bytes of token written
     };
     std::deque<Step> query, acquire, init, accept, impersonate, revert;
-    LONGLONG nExpiry = 0;                       // the tsExpiry of every context
-    std::set<ULONG_PTR> credentials, contexts;  // open handles
-    std::string calls;                          // with the arguments that matter
-    int nInfoFrees = 0, nImpersonating = 0;     // impersonations of open contexts not reverted
+    LONGLONG nExpiry = 0;                                    // the tsExpiry of every context
+    std::set<ULONG_PTR> credentials, contexts;               // open handles
+    std::string calls;                                       // with the arguments that matter
+    int nInfoFrees = 0, nImpersonating = 0, nBadCloses = 0;  // impersonations of open contexts not reverted
 
     SECURITY_STATUS QuerySecurityPackageInfoW(LPWSTR pszName, PSecPkgInfoW* ppInfo) override {
         calls += "query " + Text(pszName) + ";";
@@ -72,8 +72,8 @@ private:
         if (i_status == SEC_E_OK) *o_ph = SecHandle{*io_open.insert(++m_nLast).first, 1};
         return i_status;
     }
-    static SECURITY_STATUS Close(std::set<ULONG_PTR>& io_open, PSecHandle ph) {
-        return io_open.erase(ph->dwLower) == 1 ? SEC_E_OK : SEC_E_INVALID_HANDLE;
+    SECURITY_STATUS Close(std::set<ULONG_PTR>& io_open, PSecHandle ph) {
+        return io_open.erase(ph->dwLower) == 1 ? SEC_E_OK : (++nBadCloses, SEC_E_INVALID_HANDLE);
     }
     SECURITY_STATUS Run(std::deque<Step>& io_steps, PCtxtHandle ph, PCtxtHandle phNew, PSecBufferDesc pOut) {
         const Step step = Next(io_steps);

@@ -66,7 +66,7 @@ protected:
     void SetUp() override { SSOHandlerFactory::instance()->SetHandlerForTesting(g_ssProviderSSPI, handler); }
     void TearDown() override {
         SSOHandlerFactory::instance()->SetHandlerForTesting(g_ssProviderSSPI, nullptr);
-        EXPECT_TRUE(handler->nLive == 0 && fake.credentials.empty() && fake.contexts.empty()) << "left over";
+        EXPECT_TRUE(handler->nLive + fake.nBadCloses == 0 && fake.credentials.empty() && fake.contexts.empty());
     }
     SSOSessionPtr Session(bool i_bSpn = true) { return handler->CreateSession(i_bSpn ? &spn : nullptr); }
     int Pass(SSOSessionPtr s, bool i_bClient, const void* i_pIn = "t", size_t n = 1, bool i_bLogon = false) {
@@ -198,7 +198,7 @@ TEST_F(Sspi, ExpiryImpersonationAndRevert) {
     CSmartRefCountPtr<StaticToken> pToken = Token(135379296000000000);  // that instant, as the package's local time
     EXPECT_FALSE(pToken->Expired(dtExpiry));
     EXPECT_TRUE(pToken->Expired(dtExpiry + STimeSpan(1)));
-    EXPECT_TRUE(Token()->Expired(dtExpiry + STimeSpan(-86400000LL * 365 * 400))) << "lifespan never filled";
+    EXPECT_TRUE(Token(-1)->Expired(dtExpiry)) << "a lifespan that can't be read";
 
     fake.revert = {{SEC_E_INTERNAL_ERROR}};  // mended by RevertToSelf
     for (int i = 0; i < 4; ++i) (i < 2 ? pToken->Impersonate() : pToken->Revert());
