@@ -291,9 +291,10 @@ int KerberosSSPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSess
     if (i_pvBuffer == nullptr || i_nBufferSize == 0) {
         throw SSOException(STATUS_FAILURE);
     }
+    // A size the package can't take is refused before anything is allocated.
+    TokenBuffer input(i_pvBuffer, i_nBufferSize);
     *o_pnBufferSize = m_nMaxTokenSize;
     *o_ppvBuffer = AllocateBuffer(m_nMaxTokenSize);
-    TokenBuffer input(i_pvBuffer, i_nBufferSize);
     TokenBuffer output(*o_ppvBuffer, m_nMaxTokenSize);
     ULONG nAttributes = ASC_REQ_MUTUAL_AUTH;
     TimeStamp tsExpiry = {};

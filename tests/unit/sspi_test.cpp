@@ -45,8 +45,8 @@ public:
 
 std::vector<BYTE> Sid(std::vector<BYTE> i_authority, std::vector<DWORD> i_subs) {
     i_authority.insert(i_authority.begin(), {1, static_cast<BYTE>(i_subs.size())});
-    i_authority.resize(8 + 4 * i_subs.size());
-    std::memcpy(i_authority.data() + 8, i_subs.data(), 4 * i_subs.size());
+    for (DWORD n : i_subs)
+        i_authority.insert(i_authority.end(), reinterpret_cast<BYTE*>(&n), reinterpret_cast<BYTE*>(&n + 1));
     return i_authority;
 }
 
