@@ -20,6 +20,10 @@ set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/GSSAPIDllWrapper.cpp
   authentication/ostrel/GSSAPIHandler.cpp
   authentication/ostrel/HandlerFactory.cpp
+  authentication/ostrel/KerberosSSPICredentials.cpp
+  authentication/ostrel/KerberosSSPIHandler.cpp
+  authentication/ostrel/KerberosSSPILogonInfo.cpp
+  authentication/ostrel/SSPIStaticToken.cpp
   authentication/ostrel/SSOSession.cpp
   authentication/ostrel/SessionManager.cpp
   authentication/ostrel/ThreadTokenHandler.cpp

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "GSSAPIHandler.h"
+#include "KerberosSSPIHandler.h"
 #include "ThreadTokenHandler.h"
 #include "foundation/Trace.h"
 
@@ -96,8 +97,10 @@ CSmartRefCountPtr<SSOHandler> SSOHandlerFactory::GetHandler(const SWCharString& 
     }
 
     try {
-        // "SSPI" is not part of this build yet: refused like any unknown name.
-        if (i_ssType == g_ssProviderThreadToken) {
+        if (i_ssType == g_ssProviderSSPI) {
+            CheckAllocationSeam();
+            pHandler = new KerberosSSPIHandler();
+        } else if (i_ssType == g_ssProviderThreadToken) {
             CheckAllocationSeam();
             pHandler = new ThreadTokenHandler();
         } else if (i_ssType == g_ssProviderGSSAPI) {

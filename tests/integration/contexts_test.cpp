@@ -297,6 +297,4 @@ TEST_F(Contexts, RequiredParametersOfTheThreadTokenProviderAreNone) {
     EXPECT_EQ(plugin.SSOGetRequiredParameters(SSO_PROVIDER_THREADTOKEN, &pParams), 0u);
     EXPECT_EQ(pParams, nullptr);
     EXPECT_EQ(plugin.SSOFreeParameters(pParams), 0u);
-    EXPECT_EQ(plugin.SSOGetRequiredParameters(OSTREL_T("SSPI"), &pParams), 100u);
-    EXPECT_EQ(MessageOfLastError(100), 61778u);
 }
