@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ clang libclang-rt-dev ccache binutils curl
+  cmake make g++ clang libclang-rt-dev ccache binutils curl dpkg-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   krb5-kdc krb5-admin-server krb5-user libkrb5-dev libgssapi-krb5-2
   g++-mingw-w64-x86-64-posix
