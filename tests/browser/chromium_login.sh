@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Headless Chromium logs into the example HTTP host with the realm's Kerberos ticket.
-#   chromium_login.sh HTTP_HOST PLUGIN WORK_DIR
-# Needs the realm's environment (the CTest fixture kerberos_realm gives it). Leaves the
-# page's DOM and a screenshot in WORK_DIR. Exits 77 (skipped) when there is no Chromium.
+# Headless Chromium logs into the example HTTP host with a ticket of the test realm
+# (fixture kerberos_realm); the page's DOM and a screenshot stay in WORK_DIR.
+#   chromium_login.sh HTTP_HOST PLUGIN WORK_DIR     exits 77 (skipped) without Chromium
 set -uo pipefail
 
 HOST_BIN=$1
@@ -20,15 +19,8 @@ USER_NAME=$OSTREL_USER1@$OSTREL_REALM
 rm -rf "$WORK"
 mkdir -p "$WORK/profile"
 HOST_PID=
-stop_host() {
-  [ -n "$HOST_PID" ] || return 0
-  kill -TERM "$HOST_PID" 2>/dev/null
-  wait "$HOST_PID" 2>/dev/null
-  HOST_PID=
-}
-trap stop_host EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
+trap '[ -z "$HOST_PID" ] || { kill -TERM "$HOST_PID"; wait "$HOST_PID"; } 2>/dev/null' EXIT
+trap 'exit 1' INT TERM
 fail() { echo "FAIL: $*"; echo "--- http_host's log ---"; cat "$WORK/host.err"; exit 1; }
 
 "$REALM_SH" kinit "$OSTREL_REALM_DIR" "$OSTREL_USER1" --ccache "$WORK/user.ccache" >/dev/null ||

@@ -10,15 +10,7 @@
 #include "integration/Plugin.h"
 #include "kerberos/KerberosClient.h"
 
-// GCC says __SANITIZE_ADDRESS__, clang __has_feature(address_sanitizer).
-#if defined(__SANITIZE_ADDRESS__)
-#define OSTREL_TEST_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define OSTREL_TEST_ASAN 1
-#endif
-#endif
-#if defined(OSTREL_TEST_ASAN)
+#if defined(OSTREL_SANITIZE_ADDRESS)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -36,7 +28,7 @@ namespace {
 // our side of the failure is checked against a counting fake library in the unit tests.
 class LibraryLeaksIgnored {
 public:
-#if defined(OSTREL_TEST_ASAN)
+#if defined(OSTREL_SANITIZE_ADDRESS)
     LibraryLeaksIgnored() { __lsan_disable(); }
     ~LibraryLeaksIgnored() { __lsan_enable(); }
 #else

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# The host's guide shows the examples' code, not a copy of it: each C block of
-# docs/hosting.md follows a line "<!-- examples/guide/FILE.c: NAME -->" and is, line for
-# line, what stands between "/* guide: NAME */" and "/* guide: end */" in that file,
-# which the build compiles.   check_guide.sh SOURCE_DIR
+# Each C block of docs/hosting.md follows "<!-- examples/guide/FILE.c: NAME -->" and is,
+# line for line, what stands between "/* guide: NAME */" and "/* guide: end */" in that
+# file, which the build compiles.   check_guide.sh SOURCE_DIR
 cd "$1" || exit 1
 awk '
   function region(file, name,    line, inside, text) {
