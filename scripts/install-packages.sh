@@ -4,13 +4,14 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ ccache binutils curl
+  cmake make g++ clang libclang-rt-dev ccache binutils curl dpkg-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   krb5-kdc krb5-admin-server krb5-user libkrb5-dev libgssapi-krb5-2
   g++-mingw-w64-x86-64-posix
 )
-# Wine without its recommends: no desktop pieces are needed to run tests.
-wine_packages=(wine64 wine)
+# Wine and Chromium without their recommends: no desktop pieces are needed to run tests
+# (Chromium runs headless, as the browser that logs into the example HTTP host).
+wine_packages=(wine64 wine chromium)
 
 missing=()
 for p in "${packages[@]}" "${wine_packages[@]}"; do

@@ -29,7 +29,7 @@ public:
     bool Pop(SWCharString& o_ssKey, SWCharString& o_ssValue, unsigned char& o_nType);
 
 private:
-    const ParasSeq* m_pHead;
+    [[maybe_unused]] const ParasSeq* m_pHead;  // where the walk began; kept for a debugger
     const ParasSeq* m_pCurrent;
 };
 

@@ -10,7 +10,7 @@
 #include "integration/Plugin.h"
 #include "kerberos/KerberosClient.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(OSTREL_SANITIZE_ADDRESS)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -28,7 +28,7 @@ namespace {
 // our side of the failure is checked against a counting fake library in the unit tests.
 class LibraryLeaksIgnored {
 public:
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(OSTREL_SANITIZE_ADDRESS)
     LibraryLeaksIgnored() { __lsan_disable(); }
     ~LibraryLeaksIgnored() { __lsan_enable(); }
 #else

@@ -109,7 +109,8 @@ typedef struct _TOKEN_GROUPS {
     SID_AND_ATTRIBUTES Groups[ANYSIZE_ARRAY];
 } TOKEN_GROUPS, *PTOKEN_GROUPS;
 
-typedef enum _TOKEN_INFORMATION_CLASS {
+// Fixed to int, as Windows compilers make it: a caller may pass any number, and it must arrive.
+typedef enum _TOKEN_INFORMATION_CLASS : int {
     TokenUser = 1,
     TokenGroups,
     TokenPrivileges,
