@@ -16,6 +16,7 @@ endif()
 
 set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/ErrorManager.cpp
+  authentication/ostrel/ExternalSSO.cpp
   authentication/ostrel/GSSAPICredentials.cpp
   authentication/ostrel/GSSAPIDllWrapper.cpp
   authentication/ostrel/GSSAPIHandler.cpp
@@ -29,12 +30,14 @@ set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/SecContextCache.cpp
   authentication/ostrel/ContextManager.cpp
   authentication/ostrel/SSOImpl.cpp
+  authentication/ostrel/SSOImplExternal.cpp
   authentication/ostrel/ostrelplugin_impl.cpp
 )
 
 if(WIN32)
   set(OSTREL_PLATFORM_SOURCES
     platform/win32/GssLibraryName.cpp
+    platform/win32/SiteMinderLibraryName.cpp
     platform/win32/Win32SystemApi.cpp
     platform/win32/Win32TokenApi.cpp
   )
@@ -44,11 +47,13 @@ else()
     platform/linux/LinuxCredentials.cpp
     platform/linux/LinuxSystemApi.cpp
     platform/linux/LinuxTokenApi.cpp
+    platform/linux/SiteMinderLibraryName.cpp
   )
 endif()
+list(APPEND OSTREL_PLATFORM_SOURCES platform/common/SiteMinderAgentLoader.cpp)
 
 set(OSTREL_SOURCES ${OSTREL_FOUNDATION_SOURCES} ${OSTREL_LOGIC_SOURCES} ${OSTREL_PLATFORM_SOURCES})
 set(OSTREL_SYSTEM_LIBS)
 if(WIN32)
-  list(APPEND OSTREL_SYSTEM_LIBS advapi32)
+  list(APPEND OSTREL_SYSTEM_LIBS advapi32 ws2_32)
 endif()
