@@ -89,13 +89,16 @@ protected:
     }
     void TearDown() override { plugin.SSOTermPackage(); }
 
-    // '@' in the list stands for the server's port.
-    static std::vector<Param> Standard(std::u16string i_servers = u"127.0.0.1:1:@:3", int i_nPort = s_nPort) {
+    // '@' in a list stands for the server's port.
+    static std::u16string AtPort(std::u16string i_servers, int i_nPort = s_nPort) {
         const std::string digits = std::to_string(i_nPort);
         for (size_t at; (at = i_servers.find(u'@')) != std::u16string::npos;)
             i_servers.replace(at, 1, std::u16string(digits.begin(), digits.end()));
+        return i_servers;
+    }
+    static std::vector<Param> Standard(const std::u16string& i_servers = u"127.0.0.1:1:@:3", int i_nPort = s_nPort) {
         return {{kVendor, kNumber, u"1"},
-                {kServers, kText, i_servers},
+                {kServers, kText, AtPort(i_servers, i_nPort)},
                 {kSecret, kText, kSecret1},
                 {kAgent, kText, u"agent1"},
                 {kMode, kNumber, u"1"}};
@@ -217,9 +220,9 @@ TEST_F(ExternalSSO, RefusedHandlesLeaveNothingOpen) {
         {"vendor 2", {kVendor, kNumber, u"2"}, nullptr, {113, 49446}},
         {"no vendor", {kVendor, kLeftOut, u""}, nullptr, {113, 49446}},
         {"vendor as text", {kVendor, kText, u"1"}, nullptr, {113, 42038}},
-        {"three elements", {kServers, kText, u"127.0.0.1:1:2"}, nullptr, {113, 49443}},
-        {"five elements", {kServers, kText, u"127.0.0.1:1:2:3:4"}, nullptr, {113, 49443}},
-        {"port not a number", {kServers, kText, u"127.0.0.1:1:2:x"}, nullptr, {113, 49443}},
+        {"three elements", {kServers, kText, u"127.0.0.1:1:@"}, nullptr, {113, 49443}},
+        {"five elements", {kServers, kText, u"127.0.0.1:1:@:3:4"}, nullptr, {113, 49443}},
+        {"port not a number", {kServers, kText, u"127.0.0.1:1:@:x"}, nullptr, {113, 49443}},
         {"no server answers", {kServers, kText, u"127.0.0.1:1:1:1"}, nullptr, {113, 49443}},
         {"blanks only", {kServers, kText, u"   "}, nullptr, {113, 49443}},
         {"dangling escape", {kServers, kText, u"127.0.0.1:1:2:3^"}, nullptr, {100, 42254}},
@@ -232,7 +235,8 @@ TEST_F(ExternalSSO, RefusedHandlesLeaveNothingOpen) {
     for (const auto& c : cases) {
         ScopedEnv library("OSTREL_SITEMINDER_LIBRARY", c.library != nullptr ? c.library : OSTREL_STANDIN_AGENT);
         CExternalSSO* pHandle = reinterpret_cast<CExternalSSO*>(&m_agent);  // stays as it is
-        EXPECT_EQ(Create(c.change.key != nullptr ? With(Standard(), c.change) : Standard(), &pHandle), c.record.first)
+        EXPECT_EQ(Create(With(Standard(), {c.change.key, c.change.type, AtPort(c.change.value)}), &pHandle),
+                  c.record.first)
             << c.what;
         EXPECT_EQ(pHandle, reinterpret_cast<CExternalSSO*>(&m_agent)) << c.what;
         EXPECT_EQ(TakeRecord(), c.record) << c.what;

@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #if defined(_WIN32)
 #include <winsock2.h>
 #define STANDIN_EXPORT extern "C" __declspec(dllexport)
@@ -133,6 +134,7 @@ int main(int argc, char** argv) {
 namespace {
 
 struct Agent {
+    ~Agent() { closesocket(fd); }
     Socket fd;
     std::string buffered;
     std::mutex lock;
@@ -196,7 +198,6 @@ STANDIN_EXPORT int Sm_AgentApi_Init(const char* pInit, void** ppHandle) {
             ++s_nOpenHandles;
             continue;
         }
-        closesocket(pAgent->fd);
         delete pAgent;
         if (reply == "NO") return -1;
     }
@@ -204,13 +205,9 @@ STANDIN_EXPORT int Sm_AgentApi_Init(const char* pInit, void** ppHandle) {
 }
 
 STANDIN_EXPORT int Sm_AgentApi_UnInit(void** ppHandle) {
-    auto* pAgent = static_cast<Agent*>(*ppHandle);
-    if (pAgent == nullptr) return -1;
-    closesocket(pAgent->fd);
-    delete pAgent;
-    --s_nOpenHandles;
-    *ppHandle = nullptr;
-    return 0;
+    if (*ppHandle == nullptr) return -1;
+    delete static_cast<Agent*>(std::exchange(*ppHandle, nullptr));
+    return --s_nOpenHandles, 0;
 }
 
 STANDIN_EXPORT int Sm_AgentApi_FreeAttributes(int32_t nAttributes, char* pAttributes) {
