@@ -77,8 +77,8 @@ void BM_PluginVerify(benchmark::State& state) {
 
 // The agent's own call with what the plug-in passes, attributes freed, nothing checked.
 void BM_AgentDecode(benchmark::State& state) {
-    using Decode = int (*)(void*, const char*, int32_t*, int32_t*, int32_t*, AgentAttributeRecord**, int32_t, void*,
-                           void*);
+    using Decode =
+        int (*)(void*, const char*, int32_t*, int32_t*, int32_t*, AgentAttributeRecord**, int32_t, void*, void*);
     using Free = int (*)(int32_t, AgentAttributeRecord*);
     static auto decode = Symbol<Decode>(g_pAgentLibrary, "Sm_AgentApi_DecodeSSOToken");
     static auto freeAttributes = Symbol<Free>(g_pAgentLibrary, "Sm_AgentApi_FreeAttributes");
@@ -135,8 +135,7 @@ int main(int argc, char** argv) {
          const_cast<ostrel_char*>(u"OSS1:2e5478511f2afca8:2b1beffbcfdf:3bf01ba7"), &seq[3]},
         {const_cast<ostrel_char*>(WP_SI_SSO_AGENT_W), SSO_PARAM_STRING, 0, const_cast<ostrel_char*>(u"agent1"),
          &seq[4]},
-        {const_cast<ostrel_char*>(WP_SI_SSO_ACCESS_MODE_W), SSO_PARAM_LONG, 0, const_cast<ostrel_char*>(u"1"),
-         nullptr},
+        {const_cast<ostrel_char*>(WP_SI_SSO_ACCESS_MODE_W), SSO_PARAM_LONG, 0, const_cast<ostrel_char*>(u"1"), nullptr},
     };
     const unsigned int created =
         Symbol<decltype(&::ExternalSSOCreateHandle)>(g_pPlugin, "ExternalSSOCreateHandle")(seq, &g_pHandle);

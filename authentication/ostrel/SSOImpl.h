@@ -56,8 +56,7 @@ public:
     // held across a call; handles are looked up before they are touched.
     uint32_t ExternalSSOCreateHandle(const ParasSeq* i_pParameters, CExternalSSO** o_pHandle);
     uint32_t ExternalSSODestroyHandle(CExternalSSO* i_Handle);
-    uint32_t ExternalSSOVerifyUser(CExternalSSO* i_Handle, const SWCharString& i_ssToken,
-                                   ostrel_char** o_ppUserName);
+    uint32_t ExternalSSOVerifyUser(CExternalSSO* i_Handle, const SWCharString& i_ssToken, ostrel_char** o_ppUserName);
 
     // Test seam: the live cache, for tests that drive its cleaner.
     CSmartRefCountPtr<SecContextCache> GetContextCacheForTesting();

@@ -222,10 +222,9 @@ OSTREL_API unsigned int OSTREL_CALL ExternalSSODestroyHandle(::CExternalSSO* i_H
 
 OSTREL_API unsigned int OSTREL_CALL ExternalSSOVerifyUser(::CExternalSSO* i_Handle, const ostrel_char* i_pToken,
                                                          ostrel_char** o_ppUserName) {
-    return RunExport("pImpl!= NULL", "ssoplugin: ExternalSSOVerifyUser() -- Unexpected Exception!",
-                     [&](SSOImpl& impl) {
-                         return impl.ExternalSSOVerifyUser(FromHandle(i_Handle), SWCharString(i_pToken), o_ppUserName);
-                     });
+    return RunExport("pImpl!= NULL", "ssoplugin: ExternalSSOVerifyUser() -- Unexpected Exception!", [&](SSOImpl& impl) {
+        return impl.ExternalSSOVerifyUser(FromHandle(i_Handle), SWCharString(i_pToken), o_ppUserName);
+    });
 }
 
 }  // extern "C"
