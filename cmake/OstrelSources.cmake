@@ -16,6 +16,7 @@ endif()
 
 set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/ErrorManager.cpp
+  authentication/ostrel/ExternalSSO.cpp
   authentication/ostrel/GSSAPICredentials.cpp
   authentication/ostrel/GSSAPIDllWrapper.cpp
   authentication/ostrel/GSSAPIHandler.cpp
@@ -33,6 +34,7 @@ set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/SecContextCache.cpp
   authentication/ostrel/ContextManager.cpp
   authentication/ostrel/SSOImpl.cpp
+  authentication/ostrel/SSOImplExternal.cpp
   authentication/ostrel/ostrelplugin_impl.cpp
 )
 
@@ -41,6 +43,7 @@ if(WIN32)
   list(APPEND OSTREL_PLATFORM_SOURCES
     platform/win32/GssLibraryName.cpp
     platform/win32/Win32SecurityApi.cpp
+    platform/win32/SiteMinderLibraryName.cpp
     platform/win32/Win32SystemApi.cpp
     platform/win32/Win32TokenApi.cpp
   )
@@ -56,11 +59,13 @@ else()
     platform/linux/LinuxTokenApi.cpp
     platform/linux/LocalAccount.cpp
     platform/linux/SspiBuffers.cpp
+    platform/linux/SiteMinderLibraryName.cpp
   )
 endif()
+list(APPEND OSTREL_PLATFORM_SOURCES platform/common/SiteMinderAgentLoader.cpp)
 
 set(OSTREL_SOURCES ${OSTREL_FOUNDATION_SOURCES} ${OSTREL_LOGIC_SOURCES} ${OSTREL_PLATFORM_SOURCES})
 set(OSTREL_SYSTEM_LIBS)
 if(WIN32)
-  list(APPEND OSTREL_SYSTEM_LIBS advapi32 secur32)
+  list(APPEND OSTREL_SYSTEM_LIBS advapi32 secur32 ws2_32)
 endif()

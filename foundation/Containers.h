@@ -27,11 +27,16 @@ template <>
 struct SIKeyOrder<SWCharString> {
     bool operator()(const SWCharString& a, const SWCharString& b) const { return a.compareFast(b) < 0; }
 };
+// Also compares with a bare address, so that a pointer can be looked up
+// without touching what it points to.
 template <class T>
 struct SIKeyOrder<CSmartRefCountPtr<T>> {
+    using is_transparent = void;
     bool operator()(const CSmartRefCountPtr<T>& a, const CSmartRefCountPtr<T>& b) const {
         return std::less<const T*>()(a.get(), b.get());
     }
+    bool operator()(const CSmartRefCountPtr<T>& a, const T* b) const { return std::less<const T*>()(a.get(), b); }
+    bool operator()(const T* a, const CSmartRefCountPtr<T>& b) const { return std::less<const T*>()(a, b.get()); }
 };
 template <class T>
 struct SIKeyOrder<T*> {
@@ -121,6 +126,12 @@ public:
 
     bool Add(const T& i_value) { return m_store.insert(i_value).second; }
     bool Contains(const T& i_value) const { return m_store.find(i_value) != m_store.end(); }
+    // The stored element equal to a key of another type, or null; for key orders that allow it.
+    template <class K>
+    const T* Find(const K& i_key) const {
+        auto it = m_store.find(i_key);
+        return it == m_store.end() ? nullptr : &*it;
+    }
     bool Remove(const T& i_value) { return m_store.erase(i_value) != 0; }
     uint64_t GetCount() const { return m_store.size(); }
     bool IsEmpty() const { return m_store.empty(); }

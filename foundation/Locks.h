@@ -2,7 +2,9 @@
 #pragma once
 
 #include <mutex>
-#include <shared_mutex>
+#if !defined(_WIN32)
+#include <pthread.h>
+#endif
 
 namespace Tarvik500 {
 
@@ -23,13 +25,27 @@ public:
 private:
     void* m_pSlim = nullptr;  // an SRWLOCK: one pointer, zero when free
 #else
-    void lockRead() { m_mutex.lock_shared(); }
-    void unlockRead() { m_mutex.unlock_shared(); }
-    void lockWrite() { m_mutex.lock(); }
-    void unlockWrite() { m_mutex.unlock(); }
+    // A waiting writer goes first, as with Windows' lock: readers that keep
+    // coming (verifications on one handle, logins) must not hold it off for ever.
+    CRWLock() {
+        pthread_rwlockattr_t attr;
+        pthread_rwlockattr_init(&attr);
+#if defined(__GLIBC__)
+        pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+#endif
+        pthread_rwlock_init(&m_lock, &attr);
+        pthread_rwlockattr_destroy(&attr);
+    }
+    ~CRWLock() { pthread_rwlock_destroy(&m_lock); }
+    CRWLock(const CRWLock&) = delete;
+    CRWLock& operator=(const CRWLock&) = delete;
+    void lockRead() { pthread_rwlock_rdlock(&m_lock); }
+    void unlockRead() { pthread_rwlock_unlock(&m_lock); }
+    void lockWrite() { pthread_rwlock_wrlock(&m_lock); }
+    void unlockWrite() { pthread_rwlock_unlock(&m_lock); }
 
 private:
-    std::shared_mutex m_mutex;
+    pthread_rwlock_t m_lock;
 #endif
 };
 

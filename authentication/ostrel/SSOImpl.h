@@ -7,6 +7,7 @@
 
 #include "ContextManager.h"
 #include "ErrorManager.h"
+#include "ExternalSSO.h"
 #include "SessionManager.h"
 #include "Parameters.h"
 #include "SSOException.h"
@@ -51,6 +52,12 @@ public:
                                            ostrel_char** o_ppSessionID);
     void FreeBuffer(void* i_pvBuffer);
 
+    // External verification: no initialisation needed, no lock but m_ExternalLock
+    // held across a call; handles are looked up before they are touched.
+    uint32_t ExternalSSOCreateHandle(const ParasSeq* i_pParameters, CExternalSSO** o_pHandle);
+    uint32_t ExternalSSODestroyHandle(CExternalSSO* i_Handle);
+    uint32_t ExternalSSOVerifyUser(CExternalSSO* i_Handle, const SWCharString& i_ssToken, ostrel_char** o_ppUserName);
+
     // Test seam: the live cache, for tests that drive its cleaner.
     CSmartRefCountPtr<SecContextCache> GetContextCacheForTesting();
 
@@ -70,6 +77,8 @@ private:
     CSmartRefCountPtr<SessionManager> m_pSessionManager;
     CSmartRefCountPtr<ContextManager> m_pContextManager;
     CSmartRefCountPtr<ErrorManager> m_pErrorManager;
+    SISet<CSmartRefCountPtr<CExternalSSO>> m_ExternalHandles;
+    CRWLock m_ExternalLock;
 
     // The frame of an operation: the read lock for its whole length, 100 while
     // uninitialised, and an SSOException recorded for the thread.
@@ -78,6 +87,10 @@ private:
     // The same, for the operations on finished contexts.
     template <class Body>
     uint32_t RunContextOperation(Body&& i_body);
+    // The handle's object with a reference of the caller's, or null when the set does not hold it.
+    CSmartRefCountPtr<CExternalSSO> FindExternalHandle(const CExternalSSO* i_Handle);
+    // Records the failure for the thread when there is an ErrorManager.
+    void ReportExternalError(const SSOException& i_exception);
     // A string for the host, or the shared out-of-memory exception.
     ostrel_char* DuplicateForHost(const SWCharString& i_ssSource);
 };

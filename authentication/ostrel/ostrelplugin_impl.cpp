@@ -42,6 +42,10 @@ unsigned int RunExport(const char* i_pNullText, const char* i_pCatchText, Body&&
     }
 }
 
+// The boundary's opaque handle is the object's own address, not touched until the set vouches for it.
+ostrel::CExternalSSO* FromHandle(::CExternalSSO* i_Handle) { return reinterpret_cast<ostrel::CExternalSSO*>(i_Handle); }
+::CExternalSSO* ToHandle(ostrel::CExternalSSO* i_pExternal) { return reinterpret_cast<::CExternalSSO*>(i_pExternal); }
+
 }  // namespace
 
 extern "C" {
@@ -196,6 +200,31 @@ OSTREL_API unsigned int OSTREL_CALL SSOFreeParameters(ParasSeq* i_pParameters) {
             return STATUS_OK;
         },
         NullImpl::Throw100);
+}
+
+OSTREL_API unsigned int OSTREL_CALL ExternalSSOCreateHandle(const ParasSeq* i_pParameters, ::CExternalSSO** o_pHandle) {
+    return RunExport("pImpl!= NULL", "ssoplugin: ExternalSSOCreateHandler() -- Unexpected Exception!",
+                     [&](SSOImpl& impl) {
+                         ostrel::CExternalSSO* pExternal = nullptr;
+                         const uint32_t nStatus =
+                             impl.ExternalSSOCreateHandle(i_pParameters, o_pHandle != nullptr ? &pExternal : nullptr);
+                         if (nStatus == STATUS_OK) {
+                             *o_pHandle = ToHandle(pExternal);
+                         }
+                         return nStatus;
+                     });
+}
+
+OSTREL_API unsigned int OSTREL_CALL ExternalSSODestroyHandle(::CExternalSSO* i_Handle) {
+    return RunExport("pImpl!= NULL", "ssoplugin: ExternalSSODestroyHandle() -- Unexpected Exception!",
+                     [&](SSOImpl& impl) { return impl.ExternalSSODestroyHandle(FromHandle(i_Handle)); });
+}
+
+OSTREL_API unsigned int OSTREL_CALL ExternalSSOVerifyUser(::CExternalSSO* i_Handle, const ostrel_char* i_pToken,
+                                                         ostrel_char** o_ppUserName) {
+    return RunExport("pImpl!= NULL", "ssoplugin: ExternalSSOVerifyUser() -- Unexpected Exception!", [&](SSOImpl& impl) {
+        return impl.ExternalSSOVerifyUser(FromHandle(i_Handle), SWCharString(i_pToken), o_ppUserName);
+    });
 }
 
 }  // extern "C"

@@ -199,5 +199,18 @@ BOOL LinuxSystemApi::FileTimeToSystemTime(const FILETIME* lpFileTime, LPSYSTEMTI
     return TRUE;
 }
 
+int LinuxSystemApi::WSAStartup(WORD wVersionRequested, LPWSADATA lpWSAData) {
+    constexpr int kWsaEFault = 10014;
+    if (lpWSAData == nullptr) {
+        return kWsaEFault;
+    }
+    std::memset(lpWSAData, 0, sizeof(*lpWSAData));
+    lpWSAData->wHighVersion = MAKEWORD(2, 2);
+    lpWSAData->wVersion = wVersionRequested;
+    std::strcpy(lpWSAData->szDescription, "Linux sockets");
+    std::strcpy(lpWSAData->szSystemStatus, "Running");
+    return 0;
+}
+
 }  // namespace linuxport
 }  // namespace ostrel::platform

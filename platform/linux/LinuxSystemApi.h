@@ -34,6 +34,8 @@ public:
                          DWORD nSize, va_list* Arguments) override;
     HLOCAL LocalFree(HLOCAL hMem) override;
     BOOL FileTimeToSystemTime(const FILETIME* lpFileTime, LPSYSTEMTIME lpSystemTime) override;
+    // Sockets need no start here: succeeds with the version asked for.
+    int WSAStartup(WORD wVersionRequested, LPWSADATA lpWSAData) override;
 };
 
 }  // namespace ostrel::platform::linuxport

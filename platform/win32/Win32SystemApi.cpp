@@ -16,6 +16,9 @@ public:
     BOOL FileTimeToSystemTime(const FILETIME* lpFileTime, LPSYSTEMTIME lpSystemTime) override {
         return ::FileTimeToSystemTime(lpFileTime, lpSystemTime);
     }
+    int WSAStartup(WORD wVersionRequested, LPWSADATA lpWSAData) override {
+        return ::WSAStartup(wVersionRequested, lpWSAData);
+    }
 };
 
 }  // namespace

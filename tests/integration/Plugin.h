@@ -16,16 +16,17 @@
 
 namespace ostrel_test {
 
+// Loads another library by path too; the boundary's functions it lacks stay null.
 class Plugin {
 public:
-    Plugin() {
+    explicit Plugin(const char* i_pPath = OSTREL_PLUGIN_PATH) {
 #if defined(_WIN32)
-        m_pHandle = reinterpret_cast<void*>(::LoadLibraryA(OSTREL_PLUGIN_PATH));
+        m_pHandle = reinterpret_cast<void*>(::LoadLibraryA(i_pPath));
 #else
-        m_pHandle = ::dlopen(OSTREL_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+        m_pHandle = ::dlopen(i_pPath, RTLD_NOW | RTLD_LOCAL);
 #endif
         if (m_pHandle == nullptr) {
-            ADD_FAILURE() << "cannot load " << OSTREL_PLUGIN_PATH;
+            ADD_FAILURE() << "cannot load " << i_pPath;
         }
 #define OSTREL_RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(symbol(#name))
         OSTREL_RESOLVE(SSOInitPackage);
@@ -49,6 +50,9 @@ public:
         OSTREL_RESOLVE(SSOReleaseAllSecurityContexts);
         OSTREL_RESOLVE(SSOFreeBuffer);
         OSTREL_RESOLVE(SSOFreeParameters);
+        OSTREL_RESOLVE(ExternalSSOCreateHandle);
+        OSTREL_RESOLVE(ExternalSSODestroyHandle);
+        OSTREL_RESOLVE(ExternalSSOVerifyUser);
 #undef OSTREL_RESOLVE
     }
     ~Plugin() {
@@ -95,6 +99,9 @@ public:
     decltype(&::SSOReleaseAllSecurityContexts) SSOReleaseAllSecurityContexts = nullptr;
     decltype(&::SSOFreeBuffer) SSOFreeBuffer = nullptr;
     decltype(&::SSOFreeParameters) SSOFreeParameters = nullptr;
+    decltype(&::ExternalSSOCreateHandle) ExternalSSOCreateHandle = nullptr;
+    decltype(&::ExternalSSODestroyHandle) ExternalSSODestroyHandle = nullptr;
+    decltype(&::ExternalSSOVerifyUser) ExternalSSOVerifyUser = nullptr;
 
 private:
     void* m_pHandle = nullptr;

@@ -55,6 +55,7 @@ public:
     MOCK_METHOD(DWORD, FormatMessageW, (DWORD, LPCVOID, DWORD, DWORD, LPWSTR, DWORD, va_list*), (override));
     MOCK_METHOD(HLOCAL, LocalFree, (HLOCAL), (override));
     MOCK_METHOD(BOOL, FileTimeToSystemTime, (const FILETIME*, LPSYSTEMTIME), (override));
+    MOCK_METHOD(int, WSAStartup, (WORD, LPWSADATA), (override));
 };
 
 TEST(PlatformOverrideTest, TokenFakesNestAndRestoreTheLiveImplementation) {

@@ -1,5 +1,6 @@
 // System services: the calling thread's last error, message text, memory the
-// system hands out, time conversion. The live implementation is System().
+// system hands out, time conversion, the start of sockets. The live
+// implementation is System().
 #pragma once
 
 #include <cstdarg>
@@ -22,6 +23,8 @@ public:
                                  LPWSTR lpBuffer, DWORD nSize, va_list* Arguments) = 0;
     virtual HLOCAL LocalFree(HLOCAL hMem) = 0;
     virtual BOOL FileTimeToSystemTime(const FILETIME* lpFileTime, LPSYSTEMTIME lpSystemTime) = 0;
+    // 0 on success, else an error number.
+    virtual int WSAStartup(WORD wVersionRequested, LPWSADATA lpWSAData) = 0;
 };
 
 namespace detail {

@@ -14,6 +14,8 @@
 #define NOMINMAX
 #endif
 #include <windows.h>
+// Lean windows.h leaves the sockets out; the agent library needs them started.
+#include <winsock2.h>
 
 #else  // !_WIN32
 
@@ -229,6 +231,21 @@ typedef union _ULARGE_INTEGER {
     } u;
     ULONGLONG QuadPart;
 } ULARGE_INTEGER, *PULARGE_INTEGER;
+
+// What WSAStartup fills in, in the order of 64-bit Windows.
+#define WSADESCRIPTION_LEN 256
+#define WSASYS_STATUS_LEN 128
+#define MAKEWORD(low, high) static_cast<WORD>((static_cast<WORD>(low) & 0xFF) | ((static_cast<WORD>(high) & 0xFF) << 8))
+
+typedef struct WSAData {
+    WORD wVersion;
+    WORD wHighVersion;
+    unsigned short iMaxSockets;
+    unsigned short iMaxUdpDg;
+    char* lpVendorInfo;
+    char szDescription[WSADESCRIPTION_LEN + 1];
+    char szSystemStatus[WSASYS_STATUS_LEN + 1];
+} WSADATA, *LPWSADATA;
 
 static_assert(sizeof(DWORD) == 4 && sizeof(WCHAR) == 2, "Windows' sizes");
 static_assert(sizeof(SID_AND_ATTRIBUTES) == 2 * sizeof(void*), "Windows' layout");
