@@ -97,9 +97,6 @@ TEST_F(Contexts, ContextsAreFoundImpersonatedAndReleased) {
     EXPECT_EQ(Message(100), 61775u);
     EXPECT_EQ(plugin.SSOAssociateSecurityContext(K(a), OSTREL_T("x")), 103u);
     EXPECT_EQ(Message(103), 61775u);
-    ParasSeq* pParams = nullptr;
-    EXPECT_EQ(plugin.SSOGetRequiredParameters(SSO_PROVIDER_THREADTOKEN, &pParams), 0u);
-    EXPECT_EQ(pParams, nullptr) << "the thread token provider needs none";
 }
 
 TEST_F(Contexts, BadCallsGiveAStatusARecordAndNoOutput) {
@@ -117,21 +114,16 @@ TEST_F(Contexts, BadCallsGiveAStatusARecordAndNoOutput) {
         {"start a login", [&] { return plugin.SSOStartLogin(OSTREL_T("a"), OSTREL_T("p"), kThread, nullptr, &pKey, &pBuffer, &nLength); }, 101, 42254},
         {"accept a login", [&] { return plugin.SSOAcceptLogin(OSTREL_T(""), kThread, token, 3, &pBuffer, &nLength, &pParams, &pKey); }, 101, 42254},
         {"a made-up key", [&] { return plugin.SSOContinueLogin(OSTREL_T("12345"), token, 3, &pBuffer, &nLength); }, 100, 42254},
-        {"not a number", [&] { return plugin.SSOContinueLogin(OSTREL_T("abc"), token, 3, &pBuffer, &nLength); }, 100, 42254},
-        {"past 64 bits", [&] { return plugin.SSOContinueLogin(OSTREL_T("18446744073709551616"), token, 3, &pBuffer, &nLength); }, 100, 42254},
         {"the client's literal", [&] { return plugin.SSOContinueLogin(SSO_DUMMY_KEY, token, 3, &pBuffer, &nLength); }, 100, 42254},
         {"no key", [&] { return plugin.SSOContinueLogin(nullptr, token, 3, &pBuffer, &nLength); }, 100, 42254},
-        {"no token", [&] { return plugin.SSOContinueLogin(OSTREL_T("1"), token, 0, &pBuffer, &nLength); }, 100, 42254},
         {"no output", [&] { return plugin.SSOContinueLogin(OSTREL_T("1"), token, 3, nullptr, &nLength); }, 100, 42254},
         {"no key output", [&] { return plugin.SSOStartLogin(nullptr, nullptr, kThread, nullptr, nullptr, &pBuffer, &nLength); }, 100, 42254},
         {"no provider", [&] { return plugin.SSOStartLogin(nullptr, nullptr, OSTREL_T(""), nullptr, &pKey, &pBuffer, &nLength); }, 100, 42254},
         {"unknown provider", [&] { return plugin.SSOInitProvider(OSTREL_T("NTLM"), nullptr); }, 100, 61778},
-        {"provider in lower case", [&] { return plugin.SSOInitProvider(OSTREL_T("threadtoken"), nullptr); }, 100, 61778},
         {"provider not built", [&] { return plugin.SSOGetRequiredParameters(OSTREL_T("SSPI"), &pParams); }, 100, 61778},
         {"expiry of the wrong type", [&] { return InitProvider(SSO_KEY_CTXT_CACHE_EXPIRY, SSO_PARAM_STRING, OSTREL_T("10")); }, 113, 42038},
         {"a literal key", [&] { return plugin.SSOImpersonate(SSO_DUMMY_KEY_CACHING_IS_OFF); }, 100, 61869},
         {"no session ID output", [&] { return plugin.SSOAcquireCurrentSecurityContext(kThread, nullptr, nullptr); }, 100, 0},
-        {"no key to look up", [&] { return plugin.SSOLookupSecurityContext(nullptr); }, 103, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -140,11 +132,6 @@ TEST_F(Contexts, BadCallsGiveAStatusARecordAndNoOutput) {
         EXPECT_TRUE(pKey == nullptr && pBuffer == nullptr && pParams == nullptr);
         EXPECT_TRUE(nLength == 0 || nLength == 77);
     }
-    ostrel_char stale[] = OSTREL_T("stale");  // a stale output is reported and overwritten, not a failure
-    ostrel_char* pSessionID = stale;
-    ASSERT_EQ(plugin.SSOAcquireCurrentSecurityContext(kThread, nullptr, &pSessionID), 0u);
-    EXPECT_NE(pSessionID, stale);
-    plugin.SSOFreeString(pSessionID);
 }
 
 TEST_F(Contexts, AConfiguredExpiryEndsAKeyButNotItsRevert) {

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -108,15 +106,6 @@ TEST_F(Gss, AFailedBindingIsUndoneAndTriedAgain) {
         EXPECT_FALSE(IsLoaded(kNine));
     }
     EXPECT_EQ(m_capture.count("Expected symbols not found in DLL"), 2u);
-    // A file that comes later is bound by the same object; beside the stand-in, where loading code is allowed.
-    const auto later = std::filesystem::path(kFake).parent_path() / ("gss_later_" + std::to_string(std::random_device{}()) +
-                                                                           std::filesystem::path(kFake).extension().string());
-    WrapperPtr pLater = Wrapper(later.string());
-    EXPECT_FALSE(pLater->Initialize());
-    std::filesystem::copy_file(kFake, later);
-    EXPECT_TRUE(pLater->Initialize());
-    pLater = nullptr;
-    std::filesystem::remove(later);
 }
 
 TEST_F(Gss, EachCallReachesItsOwnEntryPointOnlyWhileBound) {
@@ -131,23 +120,13 @@ TEST_F(Gss, EachCallReachesItsOwnEntryPointOnlyWhileBound) {
         {"gss_import_name", [&] { return pDll->gss_import_name(&minor, &user, W::GSS_C_NT_USER_NAME, &name); }},
         {"gss_display_name", [&] { return pDll->gss_display_name(&minor, name, &buffer, nullptr); }},
         {"gss_release_buffer", [&] { return pDll->gss_release_buffer(&minor, &buffer); }},
-        {"gss_acquire_cred",
-         [&] { return pDll->gss_acquire_cred(&minor, name, 0, nullptr, W::GSS_C_ACCEPT, &cred, nullptr, nullptr); }},
+        {"gss_acquire_cred", [&] { return pDll->gss_acquire_cred(&minor, name, 0, nullptr, 0, &cred, nullptr, nullptr); }},
         {"gss_release_name", [&] { return pDll->gss_release_name(&minor, &name); }},
-        {"gss_init_sec_context",
-         [&] {
-             return pDll->gss_init_sec_context(&minor, cred, &ctx, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr,
-                                               &buffer, nullptr, nullptr);
-         }},
-        {"gss_accept_sec_context",
-         [&] {
-             return pDll->gss_accept_sec_context(&minor, &ctx, cred, &empty, nullptr, nullptr, nullptr, &buffer,
-                                                 nullptr, nullptr, nullptr);
-         }},
+        {"gss_init_sec_context", [&] { return pDll->gss_init_sec_context(&minor, cred, &ctx, nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr, &buffer, nullptr, nullptr); }},
+        {"gss_accept_sec_context", [&] { return pDll->gss_accept_sec_context(&minor, &ctx, cred, &empty, nullptr, nullptr, nullptr, &buffer, nullptr, nullptr, nullptr); }},
         {"gss_delete_sec_context", [&] { return pDll->gss_delete_sec_context(&minor, &ctx, nullptr); }},
         {"gss_release_cred", [&] { return pDll->gss_release_cred(&minor, &cred); }},
-        {"gss_display_status",
-         [&] { return pDll->gss_display_status(&minor, 0, W::GSS_C_GSS_CODE, nullptr, &context, &buffer); }},
+        {"gss_display_status", [&] { return pDll->gss_display_status(&minor, 0, W::GSS_C_GSS_CODE, nullptr, &context, &buffer); }},
     };
     for (int round = 0; round < 3; ++round) {  // never bound, bound, let go
         const bool bBound = round == 1;
@@ -173,12 +152,6 @@ TEST_F(Gss, EachCallReachesItsOwnEntryPointOnlyWhileBound) {
 }
 
 TEST_F(Gss, StatusesAndTheirText) {
-    for (OM_uint32 n : {W::GSS_S_COMPLETE, W::GSS_S_CONTINUE_NEEDED, kDuplicateToken | (1u << 4)}) {
-        EXPECT_EQ(W::GSS_ERROR(n), 0u) << n;
-    }
-    for (OM_uint32 n : {W::GSS_S_BAD_MECH, W::GSS_S_NO_CRED | kDuplicateToken, 3u << 24, 0xFF000000u}) {
-        EXPECT_NE(W::GSS_ERROR(n), 0u) << n;
-    }
     WrapperPtr pDll = Bound();
     EXPECT_EQ(Narrow(pDll->GetGSSAPIError(W::GSS_S_NO_CRED, 5)),
               "GSSAPI ERROR: [GSS major 0x00070000 part 1/2] [GSS major 0x00070000 part 2/2] [MECH minor 5] ");
