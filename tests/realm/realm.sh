@@ -24,11 +24,12 @@ kdcs_of() {
 
 # TERM, then KILL after 5 s; fails if one survives.
 stop_kdcs() {
-  local pids i
+  local pids pid= i
+  pids=$(kdcs_of "$1")
+  [ -z "$pids" ] || kill -TERM $pids 2>/dev/null || true
   for i in $(seq 350); do
-    pids=$(kdcs_of "$1")
-    [ -n "$pids" ] || break
-    [ "$i" -gt 1 ] || kill -TERM $pids 2>/dev/null || true
+    for pid in $pids; do alive "$pid" && break; pid=; done
+    [ -n "$pid" ] || break
     [ "$i" -lt 250 ] || kill -KILL $pids 2>/dev/null || true
     sleep 0.02
   done
