@@ -150,6 +150,7 @@ TEST_F(Contexts, AConfiguredExpiryEndsAKeyButNotItsRevert) {
 
 // Calls under way when the plug-in is terminated either finish whole or are refused with 100 and no output.
 TEST_F(Contexts, CallsRacingTerminationFinishOrAreRefused) {
+    ASSERT_EQ(InitProvider(SSO_KEY_CTXT_CACHE_EXPIRY, SSO_PARAM_LONG, OSTREL_T("1")), 0u);
     ASSERT_EQ(plugin.SSOInitPackage(), 0u);  // a second user, ended below while calls run
     std::atomic<bool> bStop{false};
     std::atomic<int> nSucceeded{0}, nRefused{0};
@@ -162,6 +163,7 @@ TEST_F(Contexts, CallsRacingTerminationFinishOrAreRefused) {
                 if (rc == 0) {
                     plugin.SSOImpersonate(pKey);
                     plugin.SSORevert(pKey);
+                    plugin.SSOLookupSecurityContext(pKey);
                     plugin.SSOReleaseSecurityContext(pKey);
                     plugin.SSOFreeString(pKey);
                     ++nSucceeded;
@@ -184,5 +186,6 @@ TEST_F(Contexts, CallsRacingTerminationFinishOrAreRefused) {
     for (auto& w : workers) {
         w.join();
     }
-    ASSERT_EQ(plugin.SSOInitPackage(), 0u);  // for TearDown
+    ASSERT_EQ(plugin.SSOInitPackage(), 0u);  // and a fresh start serves again
+    EXPECT_FALSE(Capture().empty());
 }
