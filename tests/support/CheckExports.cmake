@@ -1,6 +1,7 @@
 # The library exports exactly the names of its version script (ELF, read with nm) or .def file (a DLL, read with
 # objdump), and a DLL imports no DLL outside ALLOWED_IMPORTS (a ','-list, without ".dll"): a runtime DLL left
 # dynamic would stop the plug-in from loading on a machine without mingw.
+cmake_minimum_required(VERSION 3.25)
 file(READ ${EXPECTED} spec)
 if(OBJDUMP)
   string(REGEX REPLACE ";[^\n]*" "" spec "${spec}")
@@ -8,8 +9,8 @@ if(OBJDUMP)
   string(REGEX MATCHALL "(^|\n)[ \t]*[A-Za-z_][A-Za-z0-9_]*" expected "${names}")
   execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE listing RESULT_VARIABLE rc)
   string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n([^\n]+\n)*" table "${listing}")
-  string(REGEX MATCHALL "\\] [A-Za-z_][A-Za-z0-9_]*" actual "${table}")
-  string(REGEX REPLACE "\\] " "" actual "${actual}")
+  string(REGEX MATCHALL "\\[ *[0-9]+\\] [A-Za-z_][A-Za-z0-9_]*" actual "${table}")
+  string(REGEX REPLACE "\\[ *[0-9]+\\] " "" actual "${actual}")
 else()
   string(REGEX MATCH "global:([^}]*)local:" globals "${spec}")
   string(REGEX MATCHALL "[A-Za-z_][A-Za-z0-9_]*" expected "${CMAKE_MATCH_1}")
