@@ -218,7 +218,9 @@ TEST_F(MainRoad, ExpiredThreadTokensLeaveTheCacheEvenWhileImpersonated) {
     ASSERT_EQ(Capture(ssIdle), 0u);
     ASSERT_EQ(Capture(ssBusy), 0u);
     ASSERT_EQ(m_pImpl->Impersonate(ssBusy), 0u);
-    ASSERT_TRUE(ostrel_test::WaitUntil([&] { return m_pImpl->LookupSecurityContext(ssIdle) == 103u; }))
+    ASSERT_TRUE(ostrel_test::WaitUntil([&] {
+        return m_pImpl->LookupSecurityContext(ssIdle) == 103u && m_pImpl->LookupSecurityContext(ssBusy) == 103u;
+    }))
         << "a one-second limit not applied within 20 s";
     EXPECT_EQ(pCache->GetCount(), 2u) << "a look-up never removes anything";
     // Thread tokens count no impersonations, so the scan takes both.
