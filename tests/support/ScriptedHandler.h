@@ -81,6 +81,8 @@ private:
         if (o_pp != nullptr && !step.token.empty()) {
             *o_pp = std::memcpy(AllocateBuffer(step.token.size()), step.token.data(), step.token.size());
             *o_pn = step.token.size();
+        } else if (o_pn != nullptr) {
+            *o_pn = 7;  // no token, and a length the driver must not pass on
         }
         if (step.nThrow != 0) {
             throw SSOException(step.nThrow);
