@@ -252,7 +252,9 @@ TEST_F(MainRoad, TheCleanerStartsAsConfigured) {
 }
 
 TEST_F(MainRoad, ShutdownCountsAndRestartsFromDefaults) {
+    auto expiry = [] { return SSOHandlerFactory::instance()->GetHandler(g_ssProviderThreadToken)->GetCacheExpiry().GetMilliseconds(); };
     ASSERT_EQ(InitThreadTokens(SSO_KEY_CTXT_CACHE_EXPIRY, SSO_PARAM_LONG, OSTREL_T("1")), 0u);
+    EXPECT_EQ(expiry(), 1000) << "the limit is given in seconds";
     ASSERT_TRUE(m_pImpl->Initialize());
     m_pImpl->Shutdown();
     EXPECT_NE(m_pImpl->GetContextCacheForTesting(), nullptr) << "one user is still in";
@@ -265,8 +267,8 @@ TEST_F(MainRoad, ShutdownCountsAndRestartsFromDefaults) {
     EXPECT_EQ(pError, nullptr);
 
     ASSERT_TRUE(m_pImpl->Initialize());
-    EXPECT_EQ(SSOHandlerFactory::instance()->GetHandler(g_ssProviderThreadToken)->GetCacheExpiry().GetMilliseconds(),
-              86400000);
+    ASSERT_EQ(InitThreadTokens(), 0u);
+    EXPECT_EQ(expiry(), 86400000) << "a new start, and no limit given: the default again";
     // A handler that cannot be allocated is the shared out-of-memory record; the next try builds it.
     SSOHandlerFactory::instance()->ClearHandlers();
     SSOHandlerFactory::FailNextHandlerAllocationsForTesting(1);
