@@ -241,7 +241,7 @@ TEST_F(Cache, AScanRemovesRenewsAndSkipsAsItShould) {
         {a, OSTREL_T("a")}, {b, OSTREL_T("b")}, {c, OSTREL_T("c")}, {d, OSTREL_T("d")}, {e, OSTREL_T("e")}};
     for (const auto& [p, k] : all) {
         Insert(p, k);
-        p->ExpireIn(1000);  // all near their end
+        p->ExpireIn(kMin);  // all near their end, and a minute is more than any scan takes
     }
     m_pCache->StopUpdateThread();
     m_pCache->Impersonate(SWCharString(OSTREL_T("c")));
