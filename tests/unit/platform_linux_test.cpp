@@ -122,6 +122,10 @@ TEST(LinuxTokens, SidsSizesAndAccessRules) {
     DWORD n = 0;
     EXPECT_FALSE(api.GetTokenInformation(h, TokenGroups, nullptr, 0, &n));
     EXPECT_EQ(n, offsetof(TOKEN_GROUPS, Groups) + 3 * sizeof(SID_AND_ATTRIBUTES) + 3 * 16);
+    std::vector<uint64_t> big(64);
+    const DWORD nNeeded = n;  // one byte short is too short, and says how much is needed
+    EXPECT_FALSE(api.GetTokenInformation(h, TokenGroups, big.data(), nNeeded - 1, &n));
+    EXPECT_TRUE(PortLastError() == ERROR_INSUFFICIENT_BUFFER && n == nNeeded);
     EXPECT_TRUE(api.CloseHandle(h));
 
     ASSERT_TRUE(api.OpenProcessToken(api.GetCurrentProcess(), TOKEN_QUERY, &h));
