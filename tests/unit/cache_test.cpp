@@ -219,6 +219,7 @@ TEST_F(Cache, ReleaseRemoveAndTheEnd) {
     EXPECT_TRUE(m_pCache->Release(ssBusy));  // open impersonations do not hold it
     Insert(NewToken());
     Insert(NewToken());
+    m_pCache->StopUpdateThread();  // a scan's copy of the map would keep them alive a moment longer
     m_pCache->ReleaseAll();
     EXPECT_EQ(m_pCache->GetCount(), 0u);
     EXPECT_EQ(m_nDestroyed, 3);
