@@ -243,9 +243,11 @@ TEST_F(Cache, AScanRemovesRenewsAndSkipsAsItShould) {
         {a, OSTREL_T("a")}, {b, OSTREL_T("b")}, {c, OSTREL_T("c")}, {d, OSTREL_T("d")}, {e, OSTREL_T("e")}};
     for (const auto& [p, k] : all) {
         Insert(p, k);
+    }
+    m_pCache->StopUpdateThread();  // the scans below are ours alone
+    for (const auto& [p, k] : all) {
         p->ExpireIn(kMin);  // all near their end, and a minute is more than any scan takes
     }
-    m_pCache->StopUpdateThread();
     m_pCache->Impersonate(SWCharString(OSTREL_T("c")));
     b->ExpireIn(-1);
     c->ExpireIn(-1);
