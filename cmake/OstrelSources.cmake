@@ -10,16 +10,16 @@ set(OSTREL_FOUNDATION_SOURCES
   foundation/${OSTREL_PLATFORM_DIR}/LocalTime.cpp
   foundation/${OSTREL_PLATFORM_DIR}/SharedLibrary.cpp
 )
-if(WIN32)
-  list(APPEND OSTREL_FOUNDATION_SOURCES foundation/win32/RWLock.cpp)
-endif()
+list(APPEND OSTREL_FOUNDATION_SOURCES foundation/${OSTREL_PLATFORM_DIR}/RWLock.cpp)
 
 set(OSTREL_LOGIC_SOURCES
+  authentication/ostrel/ContextTable.cpp
   authentication/ostrel/ErrorManager.cpp
   authentication/ostrel/GSSAPICredentials.cpp
   authentication/ostrel/GSSAPIDllWrapper.cpp
   authentication/ostrel/GSSAPIHandler.cpp
   authentication/ostrel/HandlerFactory.cpp
+  authentication/ostrel/Keys.cpp
   authentication/ostrel/SSOSession.cpp
   authentication/ostrel/SessionManager.cpp
   authentication/ostrel/ThreadTokenHandler.cpp

@@ -433,9 +433,15 @@ uint32_t SSOImpl::AcceptLogin(const SWCharString& i_ssSessionKey, const SWCharSt
         *o_ppvBuffer = nullptr;
         *o_ppSessionKey = nullptr;
         *o_pnBufferLength = 0;
+        // No provider is handed an address that cannot be read.
+        if (i_pvBuffer == nullptr && i_nBufferLength != 0) {
+            STRACE("ssoplugin: SSOImpl::AcceptLogin() -- Bad parameters!");
+            throw SSOException(STATUS_FAILURE);
+        }
+        SWCharString ssKey;
+        uint32_t nStatus = 0;
         try {
-            SWCharString ssKey;
-            const uint32_t nStatus =
+            nStatus =
                 m_pSessionManager->GenerateServerContext(i_ssProvider, i_ssSessionKey, i_pvBuffer, i_nBufferLength,
                                                          o_ppvBuffer, o_pnBufferLength, bGetLogonInfo, params, ssKey);
             if (!ssKey.isEmpty()) {
@@ -446,6 +452,10 @@ uint32_t SSOImpl::AcceptLogin(const SWCharString& i_ssSessionKey, const SWCharSt
             }
             return nStatus;
         } catch (...) {
+            // A finished login the host never hears of leaves no context behind.
+            if (nStatus == STATUS_SERVER_DONE && m_pContextManager != nullptr) {
+                m_pContextManager->Release(ssKey);
+            }
             ClearLoginOutputs(*this, o_ppvBuffer, o_pnBufferLength, o_ppSessionKey);
             throw;
         }
@@ -527,7 +537,15 @@ uint32_t SSOImpl::AcquireCurrentSecurityContext(const SWCharString& i_ssProvider
         if (ssSessionID.isEmpty()) {
             throw SSOException(STATUS_FAILURE);
         }
-        *o_ppSessionID = DuplicateForHost(ssSessionID);
+        try {
+            *o_ppSessionID = DuplicateForHost(ssSessionID);
+        } catch (...) {
+            // The host never gets the key: nothing may stay cached under it.
+            if (m_pContextManager != nullptr) {
+                m_pContextManager->Release(ssSessionID);
+            }
+            throw;
+        }
         return nStatus;
     });
 }

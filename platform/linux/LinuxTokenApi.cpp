@@ -176,6 +176,28 @@ int UndoSwitch(ThreadState& io_state) {
     return 0;
 }
 
+// A thread that starts during a switched impersonation carries that user's
+// credentials; back to the process's. Switching never touches the real ids, so
+// a thread whose ids and groups are what the process had at load has nothing to drop.
+int DropInherited() {
+    KernelCredentials own;
+    if (int e = ReadThreadCredentials(own)) {
+        return e;
+    }
+    if (SameIdentity(own.Effective(), Identity{own.m_nRealUid, own.m_nRealGid, IdentityAtLoad().m_arrGroups})) {
+        return 0;
+    }
+    const Identity process = ProcessIdentity();
+    if (SameIdentity(own.Effective(), process)) {
+        return 0;
+    }
+    KernelCredentials target = own;
+    target.m_nEffectiveUid = process.m_nUid;
+    target.m_nEffectiveGid = process.m_nGid;
+    target.m_arrGroups = process.m_arrGroups;
+    return RestoreThread(target);
+}
+
 constexpr BYTE kSubAuthorities = 2;
 constexpr size_t kUnixSidBytes = 8 + 4 * kSubAuthorities;
 
@@ -315,6 +337,14 @@ BOOL LinuxTokenApi::RevertToSelf() {
     }
     state.m_bImpersonating = false;
     state.m_token = Identity{};
+    try {
+        // Ids the thread gave up for good were its own choice, not an inheritance of ours.
+        if (int e = DropInherited(); e != 0 && e != EPERM) {
+            return FailWith(ErrorFromErrno(e));
+        }
+    } catch (const std::bad_alloc&) {
+        return FailWith(ERROR_NOT_ENOUGH_MEMORY);
+    }
     return TRUE;
 }
 

@@ -54,10 +54,10 @@ const SWCharString kB(OSTREL_T("host-key-b"));
 
 }  // namespace
 
-TEST_F(ContextCacheStore, KeyIsTheTokensAddressInDecimalAndTheCacheHoldsOneReference) {
+TEST_F(ContextCacheStore, KeyIsTheTokensNumberInDecimalAndTheCacheHoldsOneReference) {
     CSmartRefCountPtr<FakeToken> pToken = NewToken();
     const SWCharString ssKey = Insert(pToken);
-    EXPECT_EQ(Narrow(ssKey), std::to_string(reinterpret_cast<uintptr_t>(pToken.get())));
+    EXPECT_EQ(Narrow(ssKey), std::to_string(pToken->GetKey()));
     EXPECT_TRUE(m_capture.hasLineEndingWith("ssoplugin: SecContextCache::Insert() -- 1 contexts now in cache."));
 
     EXPECT_TRUE(Insert(pToken) == ssKey);
