@@ -81,10 +81,14 @@ StaticToken* ContextTable::Take(uint64_t i_nMixed) {
     }
     m_pSlots[nHole] = Entry{};
     --m_nCount;
-    // Shrinks when mostly empty; a failed allocation only leaves it large.
-    if (m_nBits > kMinBits && 16 * m_nCount < m_nSize - kSpill) {
+    // Shrinks when mostly empty. The rest may not fit in half the room (a scan
+    // empties the table from the low keys up); then not again before half of it
+    // has gone too. A failed allocation only leaves it large.
+    if (m_nBits > kMinBits && 16 * m_nCount < m_nSize - kSpill && m_nCount < m_nShrinkBelow) {
         try {
+            const unsigned nBits = m_nBits;
             Resize(m_nBits - 1);
+            m_nShrinkBelow = m_nBits < nBits ? SIZE_MAX : m_nCount / 2;
         } catch (const std::bad_alloc&) {
         }
     }

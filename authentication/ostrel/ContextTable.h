@@ -34,6 +34,7 @@ public:
         std::unique_ptr<Entry[]> pSlots = std::move(m_pSlots);
         const size_t nSize = m_nSize;
         m_nSize = m_nCount = 0;
+        m_nShrinkBelow = SIZE_MAX;
         m_nBits = 0;
         for (size_t i = 0; i < nSize; ++i) {
             if (pSlots[i].nMixed != 0) {
@@ -55,6 +56,7 @@ private:
     std::unique_ptr<Entry[]> m_pSlots;
     size_t m_nSize = 0;  // 2^m_nBits + kSpill, or 0
     size_t m_nCount = 0;
+    size_t m_nShrinkBelow = SIZE_MAX;
     unsigned m_nBits = 0;
 };
 

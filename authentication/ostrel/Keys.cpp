@@ -76,16 +76,23 @@ bool ParseCanonicalKey(const SWCharString& i_ssKey, uint64_t& o_nKey) {
     if (n == 0 || n > 20 || p[0] == u'0') {
         return false;
     }
+    // Twenty digits fit only up to the largest 64-bit number.
+    static const char s_max[] = "18446744073709551615";
+    if (n == 20) {
+        uint64_t i = 0;
+        while (i < 20 && p[i] == static_cast<ostrel_char>(s_max[i])) {
+            ++i;
+        }
+        if (i < 20 && p[i] > static_cast<ostrel_char>(s_max[i])) {
+            return false;
+        }
+    }
     uint64_t nValue = 0;
     for (uint64_t i = 0; i < n; ++i) {
         if (p[i] < u'0' || p[i] > u'9') {
             return false;
         }
-        const uint64_t nDigit = static_cast<uint64_t>(p[i] - u'0');
-        if (nValue > (UINT64_MAX - nDigit) / 10) {
-            return false;
-        }
-        nValue = nValue * 10 + nDigit;
+        nValue = nValue * 10 + static_cast<uint64_t>(p[i] - u'0');
     }
     o_nKey = nValue;
     return true;

@@ -91,6 +91,15 @@ struct ThreadState {
 };
 
 thread_local ThreadState t_state;
+// The first use of t_state on a thread registers its destructor, under the
+// loader's lock; a thread that never used it leaves it alone, so that a thread
+// stopped while its library unloads does not wait for that lock.
+thread_local bool t_bStateUsed = false;
+
+ThreadState& State() {
+    t_bStateUsed = true;
+    return t_state;
+}
 
 // While the main thread impersonates, /proc shows its borrowed identity, not the process's.
 struct MainThreadRecord {
@@ -239,7 +248,7 @@ BOOL LinuxTokenApi::OpenThreadToken(HANDLE ThreadHandle, DWORD DesiredAccess, BO
         return FailWith(ERROR_INVALID_HANDLE);
     }
     try {
-        const ThreadState& state = t_state;
+        const ThreadState& state = State();
         if (state.m_bImpersonating) {
             return NewToken(state.m_token, DesiredAccess, TokenImpersonation, TokenHandle);
         }
@@ -294,7 +303,7 @@ BOOL LinuxTokenApi::ImpersonateLoggedOnUser(HANDLE hToken) {
     if ((pToken->m_dwAccess & dwNeeded) != dwNeeded) {
         return FailWith(ERROR_ACCESS_DENIED);
     }
-    ThreadState& state = t_state;
+    ThreadState& state = State();
     try {
         Identity target = pToken->m_identity;
         // From the thread's own credentials, so that the original is captured afresh.
@@ -331,12 +340,14 @@ BOOL LinuxTokenApi::ImpersonateLoggedOnUser(HANDLE hToken) {
 }
 
 BOOL LinuxTokenApi::RevertToSelf() {
-    ThreadState& state = t_state;
-    if (int e = UndoSwitch(state)) {
-        return FailWith(ErrorFromErrno(e));
+    if (t_bStateUsed) {
+        ThreadState& state = t_state;
+        if (int e = UndoSwitch(state)) {
+            return FailWith(ErrorFromErrno(e));
+        }
+        state.m_bImpersonating = false;
+        state.m_token = Identity{};
     }
-    state.m_bImpersonating = false;
-    state.m_token = Identity{};
     try {
         // Ids the thread gave up for good were its own choice, not an inheritance of ours.
         if (int e = DropInherited(); e != 0 && e != EPERM) {
