@@ -2,42 +2,26 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include "integration/Plugin.h"
 
 #if !defined(_WIN32)
-#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-int CountThreads() {
-    int nThreads = 0;
-    DIR* pDir = ::opendir("/proc/self/task");
-    while (pDir != nullptr && ::readdir(pDir) != nullptr) {
-        ++nThreads;
-    }
-    if (pDir != nullptr) {
-        ::closedir(pDir);
-    }
-    return nThreads - 2;  // "." and ".."
-}
-
-// In a child of its own: load, start, fill, unload; nothing of the library may run on.
+// In a child of its own: load, start, capture, unload; nothing of the library may run on.
 int UnloadUnterminated(int i_nContexts) {
     void* pLibrary = ::dlopen(OSTREL_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-    if (pLibrary == nullptr) {
-        return 2;
-    }
     auto init = reinterpret_cast<decltype(&::SSOInitPackage)>(::dlsym(pLibrary, "SSOInitPackage"));
     auto provider = reinterpret_cast<decltype(&::SSOInitProvider)>(::dlsym(pLibrary, "SSOInitProvider"));
     auto capture = reinterpret_cast<decltype(&::SSOAcquireCurrentSecurityContext)>(
         ::dlsym(pLibrary, "SSOAcquireCurrentSecurityContext"));
-    if (init() != 0 || provider(SSO_PROVIDER_THREADTOKEN, nullptr) != 0) {
-        return 2;
-    }
+    init();
+    provider(SSO_PROVIDER_THREADTOKEN, nullptr);
     // On a thread that ends first: a live thread's thread-local data would keep the library loaded.
     std::thread([&] {
         for (int i = 0; i < i_nContexts; ++i) {
@@ -48,15 +32,15 @@ int UnloadUnterminated(int i_nContexts) {
     }).join();
     ::dlclose(pLibrary);
     if (::dlopen(OSTREL_PLUGIN_PATH, RTLD_NOW | RTLD_NOLOAD) != nullptr) {
-        return 4;  // still loaded: nothing was tested
+        return 4;  // still loaded: nothing was tried
     }
-    return CountThreads() == 1 ? 0 : 3;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}) == 1 ? 0 : 3;
 }
 
 }  // namespace
 
 // The cleaner starts with the provider and scans at once: the first unload comes
-// while that scan is likely still running, the second while it sleeps.
+// while that scan is likely still under way, the second while it sleeps.
 TEST(HostileHost, UnloadingWithoutTerminationStopsTheCleanerFirst) {
     for (int nContexts : {0, 5000}) {
         const pid_t pid = ::fork();
@@ -66,8 +50,8 @@ TEST(HostileHost, UnloadingWithoutTerminationStopsTheCleanerFirst) {
         }
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status)) << "the child died of signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
-        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0) << "with " << nContexts << " contexts";
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "with " << nContexts << " contexts: status " << status << " (exit 3: a thread of the library ran on)";
     }
 }
 #endif

