@@ -6,16 +6,21 @@
 
 #include "foundation/ResManager.h"
 #include "foundation/Trace.h"
+#include "ostrel_platform/ITokenApi.h"
 
 namespace ostrel {
 
 bool SSOImpl::s_bImplDestroyed = false;
 
 // The process-wide pointer and the critical section that guards its creation.
-// Built after the logger so that the object's last trace still finds it.
+// Built after the logger and the token port, so that the object's last trace
+// still finds the one and its cleaner, stopped as it goes, the other.
 class SSOImplSingleton {
 public:
-    SSOImplSingleton() { (void)ShouldAssert(); }
+    SSOImplSingleton() {
+        (void)ShouldAssert();
+        (void)platform::Tokens();
+    }
     ~SSOImplSingleton() {
         m_cs.enter();
         CSmartRefCountPtr<SSOImpl> pLast = std::move(m_pSingleton);

@@ -14,13 +14,6 @@
 
 namespace ostrel::platform {
 
-// Never destroyed, nor is what it reads: a cleaner thread stopped while the
-// library unloads may still be using them.
-ITokenApi& detail::PortTokenApi() {
-    static linuxport::LinuxTokenApi* s_pApi = new linuxport::LinuxTokenApi;
-    return *s_pApi;
-}
-
 namespace linuxport {
 
 namespace {
@@ -116,12 +109,12 @@ MainThreadRecord& MainRecord() {
 }
 
 const Identity& IdentityAtLoad() {
-    static const Identity* s_pIdentity = [] {
+    static const Identity s_identity = [] {
         KernelCredentials credentials;
         ReadThreadCredentials(credentials);
-        return new Identity(credentials.Effective());
+        return credentials.Effective();
     }();
-    return *s_pIdentity;
+    return s_identity;
 }
 [[maybe_unused]] const bool g_bIdentityAtLoadTaken = (IdentityAtLoad(), true);
 
@@ -474,4 +467,15 @@ BOOL LinuxTokenApi::CloseHandle(HANDLE hObject) {
 }
 
 }  // namespace linuxport
+
+// What the port reads is made before it, so that it outlives the port: whoever
+// makes the port early (the plug-in's object does, for a cleaner that may still
+// be stopping while the library unloads) keeps both alive that long.
+ITokenApi& detail::PortTokenApi() {
+    static const bool s_bIdentityFirst = (linuxport::IdentityAtLoad(), true);
+    static linuxport::LinuxTokenApi s_api;
+    (void)s_bIdentityFirst;
+    return s_api;
+}
+
 }  // namespace ostrel::platform
