@@ -73,8 +73,7 @@ protected:
             return p.SSOContinueLogin(W(i_key), i_token.data(), i_token.size(), b, n);
         });
     }
-    Out Accept(const std::u16string& i_key, const Bytes& i_token,
-               bool i_bLogonInfo = false) {  // empty: the closing call
+    Out Accept(const std::u16string& i_key, const Bytes& i_token, bool i_bLogonInfo = false) {  // {}: closing call
         return Take([&](auto b, auto n, auto k, auto ps) {
             return p.SSOAcceptLogin(W(i_key), SSO_PROVIDER_SSPI, i_token.empty() ? nullptr : i_token.data(),
                                     i_token.size(), b, n, i_bLogonInfo ? ps : nullptr, k);
