@@ -16,9 +16,17 @@
 
 namespace ostrel_test {
 
-// Loads another library by path too; the boundary's functions it lacks stay null.
+#define OSTREL_EXPORTS(X)                                                                                           \
+    X(SSOInitPackage) X(SSOTermPackage) X(SSOFreeString) X(SSOGetError) X(SSOFreeError) X(SSOGetMessageContent)     \
+    X(SSOReleaseAllProviderSecContexts) X(SSOInitProvider) X(SSOGetRequiredParameters) X(SSOStartLogin)             \
+    X(SSOContinueLogin) X(SSOAcceptLogin) X(SSOImpersonate) X(SSORevert) X(SSOAssociateSecurityContext)             \
+    X(SSOLookupSecurityContext) X(SSOAcquireCurrentSecurityContext) X(SSOReleaseSecurityContext)                   \
+    X(SSOReleaseAllSecurityContexts) X(SSOFreeBuffer) X(SSOFreeParameters) X(ExternalSSOCreateHandle)               \
+    X(ExternalSSODestroyHandle) X(ExternalSSOVerifyUser)
+
 class Plugin {
 public:
+    // Loads another library by path too; the boundary's functions it lacks stay null.
     explicit Plugin(const char* i_pPath = OSTREL_PLUGIN_PATH) {
 #if defined(_WIN32)
         m_pHandle = reinterpret_cast<void*>(::LoadLibraryA(i_pPath));
@@ -28,80 +36,31 @@ public:
         if (m_pHandle == nullptr) {
             ADD_FAILURE() << "cannot load " << i_pPath;
         }
-#define OSTREL_RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(symbol(#name))
-        OSTREL_RESOLVE(SSOInitPackage);
-        OSTREL_RESOLVE(SSOTermPackage);
-        OSTREL_RESOLVE(SSOFreeString);
-        OSTREL_RESOLVE(SSOGetError);
-        OSTREL_RESOLVE(SSOFreeError);
-        OSTREL_RESOLVE(SSOGetMessageContent);
-        OSTREL_RESOLVE(SSOReleaseAllProviderSecContexts);
-        OSTREL_RESOLVE(SSOInitProvider);
-        OSTREL_RESOLVE(SSOGetRequiredParameters);
-        OSTREL_RESOLVE(SSOStartLogin);
-        OSTREL_RESOLVE(SSOContinueLogin);
-        OSTREL_RESOLVE(SSOAcceptLogin);
-        OSTREL_RESOLVE(SSOImpersonate);
-        OSTREL_RESOLVE(SSORevert);
-        OSTREL_RESOLVE(SSOAssociateSecurityContext);
-        OSTREL_RESOLVE(SSOLookupSecurityContext);
-        OSTREL_RESOLVE(SSOAcquireCurrentSecurityContext);
-        OSTREL_RESOLVE(SSOReleaseSecurityContext);
-        OSTREL_RESOLVE(SSOReleaseAllSecurityContexts);
-        OSTREL_RESOLVE(SSOFreeBuffer);
-        OSTREL_RESOLVE(SSOFreeParameters);
-        OSTREL_RESOLVE(ExternalSSOCreateHandle);
-        OSTREL_RESOLVE(ExternalSSODestroyHandle);
-        OSTREL_RESOLVE(ExternalSSOVerifyUser);
+#define OSTREL_RESOLVE(name) name = reinterpret_cast<decltype(&::name)>(symbol(#name));
+        OSTREL_EXPORTS(OSTREL_RESOLVE)
 #undef OSTREL_RESOLVE
     }
     ~Plugin() {
-        if (m_pHandle != nullptr) {
 #if defined(_WIN32)
-            ::FreeLibrary(reinterpret_cast<HMODULE>(m_pHandle));
+        (void)(m_pHandle != nullptr && ::FreeLibrary(reinterpret_cast<HMODULE>(m_pHandle)));
 #else
-            ::dlclose(m_pHandle);
+        (void)(m_pHandle != nullptr && ::dlclose(m_pHandle));
 #endif
-        }
     }
     Plugin(const Plugin&) = delete;
     Plugin& operator=(const Plugin&) = delete;
 
     void* symbol(const char* i_pName) const {
-        if (m_pHandle == nullptr) {
-            return nullptr;
-        }
 #if defined(_WIN32)
-        return reinterpret_cast<void*>(::GetProcAddress(reinterpret_cast<HMODULE>(m_pHandle), i_pName));
+        return m_pHandle ? reinterpret_cast<void*>(::GetProcAddress(reinterpret_cast<HMODULE>(m_pHandle), i_pName)) : nullptr;
 #else
-        return ::dlsym(m_pHandle, i_pName);
+        return m_pHandle != nullptr ? ::dlsym(m_pHandle, i_pName) : nullptr;
 #endif
     }
 
-    decltype(&::SSOInitPackage) SSOInitPackage = nullptr;
-    decltype(&::SSOTermPackage) SSOTermPackage = nullptr;
-    decltype(&::SSOFreeString) SSOFreeString = nullptr;
-    decltype(&::SSOGetError) SSOGetError = nullptr;
-    decltype(&::SSOFreeError) SSOFreeError = nullptr;
-    decltype(&::SSOGetMessageContent) SSOGetMessageContent = nullptr;
-    decltype(&::SSOReleaseAllProviderSecContexts) SSOReleaseAllProviderSecContexts = nullptr;
-    decltype(&::SSOInitProvider) SSOInitProvider = nullptr;
-    decltype(&::SSOGetRequiredParameters) SSOGetRequiredParameters = nullptr;
-    decltype(&::SSOStartLogin) SSOStartLogin = nullptr;
-    decltype(&::SSOContinueLogin) SSOContinueLogin = nullptr;
-    decltype(&::SSOAcceptLogin) SSOAcceptLogin = nullptr;
-    decltype(&::SSOImpersonate) SSOImpersonate = nullptr;
-    decltype(&::SSORevert) SSORevert = nullptr;
-    decltype(&::SSOAssociateSecurityContext) SSOAssociateSecurityContext = nullptr;
-    decltype(&::SSOLookupSecurityContext) SSOLookupSecurityContext = nullptr;
-    decltype(&::SSOAcquireCurrentSecurityContext) SSOAcquireCurrentSecurityContext = nullptr;
-    decltype(&::SSOReleaseSecurityContext) SSOReleaseSecurityContext = nullptr;
-    decltype(&::SSOReleaseAllSecurityContexts) SSOReleaseAllSecurityContexts = nullptr;
-    decltype(&::SSOFreeBuffer) SSOFreeBuffer = nullptr;
-    decltype(&::SSOFreeParameters) SSOFreeParameters = nullptr;
-    decltype(&::ExternalSSOCreateHandle) ExternalSSOCreateHandle = nullptr;
-    decltype(&::ExternalSSODestroyHandle) ExternalSSODestroyHandle = nullptr;
-    decltype(&::ExternalSSOVerifyUser) ExternalSSOVerifyUser = nullptr;
+#define OSTREL_MEMBER(name) decltype(&::name) name = nullptr;
+    OSTREL_EXPORTS(OSTREL_MEMBER)
+#undef OSTREL_MEMBER
 
 private:
     void* m_pHandle = nullptr;
@@ -114,34 +73,24 @@ inline std::u16string Text(const ostrel_char* p) {
 // Sets or clears an environment variable for the scope of a test.
 class ScopedEnv {
 public:
-    ScopedEnv(const char* i_pName, const char* i_pValue) : m_name(i_pName) {
-        const char* pOld = std::getenv(i_pName);
-        m_bHad = pOld != nullptr;
-        if (m_bHad) {
-            m_old = pOld;
-        }
+    ScopedEnv(const char* i_pName, const char* i_pValue) : m_name(i_pName), m_bHad(std::getenv(i_pName) != nullptr) {
+        m_old = m_bHad ? std::getenv(i_pName) : "";
         set(i_pValue);
     }
     ~ScopedEnv() { set(m_bHad ? m_old.c_str() : nullptr); }
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
-
     void set(const char* i_pValue) {
 #if defined(_WIN32)
         _putenv_s(m_name.c_str(), i_pValue != nullptr ? i_pValue : "");
 #else
-        if (i_pValue != nullptr) {
-            ::setenv(m_name.c_str(), i_pValue, 1);
-        } else {
-            ::unsetenv(m_name.c_str());
-        }
+        (void)(i_pValue != nullptr ? ::setenv(m_name.c_str(), i_pValue, 1) : ::unsetenv(m_name.c_str()));
 #endif
     }
 
 private:
-    std::string m_name;
-    std::string m_old;
-    bool m_bHad = false;
+    std::string m_name, m_old;
+    bool m_bHad;
 };
 
 }  // namespace ostrel_test

@@ -1,546 +1,224 @@
 #!/usr/bin/env bash
-# A throwaway MIT Kerberos realm on 127.0.0.1 for tests. Usage: see usage() and README.md.
+# A throwaway MIT Kerberos realm on 127.0.0.1 for tests. Commands and files: README.md.
 set -euo pipefail
-
-PROG=realm.sh
 SELF=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)/$(basename "${BASH_SOURCE[0]}")
-# The KDC tools live in sbin, which an unprivileged user's PATH often lacks.
-PATH=$PATH:/usr/sbin:/sbin
-
-# Fixed names and passwords, shared with the build files so tests can name them.
-# shellcheck source=realm.defaults
+PATH=$PATH:/usr/sbin:/sbin  # the KDC tools live in sbin, which an unprivileged PATH often lacks
 . "$(dirname "$SELF")/realm.defaults"
-DEFAULT_REALM=$REALM
-SPN_HTTP=$SPN
 
-START_TIMEOUT=${OSTREL_REALM_START_TIMEOUT:-10}
-STOP_TIMEOUT=5
+die() { echo "realm.sh: error: $*" >&2; exit 1; }
+usage() { echo "usage: realm.sh start|stop|stop-kdc|start-kdc|kinit|exec|destroy DIR ... (see README.md)" >&2; exit 2; }
+canonical() { (cd "$1" 2>/dev/null && pwd -P); }
+alive() { local s; read -r s 2>/dev/null <"/proc/$1/stat" && [[ ${s##*) } != Z* ]]; }  # not a zombie either
+random_port() { echo $((20000 + (RANDOM * 32768 + RANDOM) % 12000)); }  # below the ephemeral range
 
-usage() {
-  cat <<EOF
-usage: $PROG start DIR [--port N] [--realm NAME] [--max-life 10m] [--renew-life 1h]
-                       [--clockskew 300] [--watch PID|parent] [--replace]
-       $PROG stop DIR          stop the KDC (and its watchdog); idempotent
-       $PROG stop-kdc DIR      stop only the KDC, keep the realm
-       $PROG start-kdc DIR     start the KDC of an existing realm again
-       $PROG kinit DIR USER [--lifetime 2m] [--renewable 10m] [--ccache FILE] [--password PW]
-       $PROG exec DIR CMD [ARG...]   run CMD with the realm's environment
-       $PROG destroy DIR       stop, then remove DIR
-EOF
-}
-
-die() { echo "$PROG: error: $*" >&2; exit 1; }
-note() { echo "$PROG: $*" >&2; }
-
-need_tools() {
-  local t missing=()
-  for t in "$@"; do command -v "$t" >/dev/null 2>&1 || missing+=("$t"); done
-  [ ${#missing[@]} -eq 0 ] ||
-    die "missing ${missing[*]}: install krb5-kdc krb5-admin-server krb5-user (scripts/install-packages.sh)"
-}
-
-# Absolute, symlink-free path, so that the KDC's environment can be matched later.
-canonical_dir() { (cd "$1" 2>/dev/null && pwd -P); }
-
-# Alive and not a zombie: a reaped-late KDC must not count as running.
-proc_alive() {
-  local pid=$1 stat
-  [ -n "$pid" ] || return 1
-  if [ -r "/proc/$pid/stat" ]; then
-    read -r stat 2>/dev/null <"/proc/$pid/stat" || return 1
-    stat=${stat##*) }
-    [ "${stat%% *}" != Z ]
-  else
-    kill -0 "$pid" 2>/dev/null
-  fi
-}
-
-# Whether PID is a process started for DIR: NAME=VALUE in its initial environment.
-proc_has_env() {
-  local pid=$1 want=$2 entries e
-  [ -r "/proc/$pid/environ" ] || return 1
-  mapfile -d '' entries 2>/dev/null <"/proc/$pid/environ" || return 1
-  for e in "${entries[@]}"; do [ "$e" = "$want" ] && return 0; done
-  return 1
-}
-
-# A recorded PID is only trusted if it is still the KDC of this realm (PIDs get reused).
-is_realm_kdc() {
-  local pid=$1 dir=$2 comm
-  proc_alive "$pid" || return 1
-  read -r comm 2>/dev/null <"/proc/$pid/comm" || return 1
-  [ "$comm" = krb5kdc ] && proc_has_env "$pid" "KRB5_KDC_PROFILE=$dir/kdc.conf"
-}
-
-is_realm_watchdog() {
-  proc_alive "$1" && proc_has_env "$1" "OSTREL_REALM_WATCHDOG=$2"
-}
-
-# Every KDC of this realm, recorded or not (a lost pid file must not hide one).
-realm_kdc_pids() {
-  local dir=$1 p pid comm
+# PIDs of live krb5kdc processes started for DIR (their environment names DIR/kdc.conf): a reused PID or
+# another realm's KDC is never hit, and a KDC whose pid file was lost is still found.
+kdcs_of() {
+  local p comm
   for p in /proc/[0-9]*; do
-    pid=${p#/proc/}
-    read -r comm 2>/dev/null <"$p/comm" || continue
-    [ "$comm" = krb5kdc ] || continue
-    proc_alive "$pid" && proc_has_env "$pid" "KRB5_KDC_PROFILE=$dir/kdc.conf" && echo "$pid"
+    read -r comm 2>/dev/null <"$p/comm" && [ "$comm" = krb5kdc ] && alive "${p#/proc/}" || continue
+    tr '\0' '\n' <"$p/environ" 2>/dev/null | grep -qxF "KRB5_KDC_PROFILE=$1/kdc.conf" && echo "${p#/proc/}"
   done
   return 0
 }
 
-wait_gone() {
-  local pid=$1 check=$2 dir=$3 deadline=$((SECONDS + $4))
-  while "$check" "$pid" "$dir"; do
-    [ $SECONDS -lt "$deadline" ] || return 1
+# TERM, then KILL after 5 s; fails if one survives.
+stop_kdcs() {
+  local pids pid= i
+  pids=$(kdcs_of "$1")
+  [ -z "$pids" ] || kill -TERM $pids 2>/dev/null || true
+  for i in $(seq 350); do
+    for pid in $pids; do alive "$pid" && break; pid=; done
+    [ -n "$pid" ] || break
+    [ "$i" -lt 250 ] || kill -KILL $pids 2>/dev/null || true
     sleep 0.02
   done
+  rm -f "$1/kdc.pid"
+  [ -z "$(kdcs_of "$1")" ] || die "a KDC of $1 survived KILL"
 }
-
-terminate() {
-  local pid=$1 check=$2 dir=$3 what=$4
-  "$check" "$pid" "$dir" || return 0
-  kill -TERM "$pid" 2>/dev/null || true
-  wait_gone "$pid" "$check" "$dir" "$STOP_TIMEOUT" && return 0
-  note "$what $pid ignored TERM for ${STOP_TIMEOUT}s; killing it"
-  kill -KILL "$pid" 2>/dev/null || true
-  wait_gone "$pid" "$check" "$dir" 2 || die "$what $pid is still running after KILL"
-}
-
-stop_kdc() {
-  local dir=$1 pid
-  if [ -f "$dir/kdc.pid" ]; then
-    read -r pid <"$dir/kdc.pid" || pid=
-    [ -z "$pid" ] || terminate "$pid" is_realm_kdc "$dir" KDC
-  fi
-  for pid in $(realm_kdc_pids "$dir"); do
-    terminate "$pid" is_realm_kdc "$dir" KDC
-  done
-  rm -f "$dir/kdc.pid"
-}
-
 stop_watchdog() {
-  local dir=$1 pid
-  [ -f "$dir/watchdog.pid" ] || return 0
-  read -r pid <"$dir/watchdog.pid" || pid=
-  [ -z "$pid" ] || [ "$pid" = "$$" ] || terminate "$pid" is_realm_watchdog "$dir" watchdog
-  rm -f "$dir/watchdog.pid"
+  local pid
+  pid=$(cat "$1/watchdog.pid" 2>/dev/null) || return 0
+  tr '\0' '\n' <"/proc/$pid/environ" 2>/dev/null | grep -qxF "OSTREL_REALM_WATCHDOG=$1" && kill "$pid" 2>/dev/null
+  rm -f "$1/watchdog.pid"
 }
 
-load_state() {
-  local dir=$1
-  [ -f "$dir/realm.state" ] || die "$dir is not a realm made by $PROG (no realm.state)"
-  # shellcheck disable=SC1091
-  . "$dir/realm.state"
+# Sockets bound to a port, "TCP-listeners UDP-sockets". The KDC sets SO_REUSEPORT, so a second KDC on a taken port
+# starts without error and shares the traffic: any other count than ours means taken.
+sockets_on() {
+  awk -v p=":$(printf '%04X' "$1")" 'FNR > 1 && substr($2, length($2) - 4) == p {
+    if (FILENAME ~ /udp/) u++; else if ($4 == "0A") t++ } END { print t + 0, u + 0 }' /proc/net/{tcp,tcp6,udp,udp6}
 }
 
-write_configs() {
-  local dir=$1 realm=$2 port=$3 max_life=$4 renew_life=$5 clockskew=$6
-  cat >"$dir/krb5.conf" <<EOF
-[libdefaults]
-    default_realm = $realm
-    dns_lookup_kdc = false
-    dns_lookup_realm = false
-    dns_canonicalize_hostname = false
-    rdns = false
-    qualify_shortname = ""
-    forwardable = true
-    udp_preference_limit = 1
-    clockskew = $clockskew
-
-[realms]
-    $realm = {
-        kdc = 127.0.0.1:$port
-    }
-
-[domain_realm]
-    localhost = $realm
-EOF
-  cat >"$dir/kdc.conf" <<EOF
+write_files() {  # DIR REALM PORT MAX_LIFE RENEW_LIFE CLOCKSKEW
+  printf '[libdefaults]\n default_realm = %s\n dns_lookup_kdc = false\n dns_lookup_realm = false\n rdns = false\n' "$2" >"$1/krb5.conf"
+  printf ' dns_canonicalize_hostname = false\n qualify_shortname = ""\n forwardable = true\n udp_preference_limit = 1\n' >>"$1/krb5.conf"
+  printf ' clockskew = %s\n[realms]\n %s = {\n  kdc = 127.0.0.1:%s\n }\n[domain_realm]\n localhost = %s\n' "$6" "$2" "$3" "$2" >>"$1/krb5.conf"
+  cat >"$1/kdc.conf" <<EOF
 [kdcdefaults]
-    kdc_listen = 127.0.0.1:$port
-    kdc_tcp_listen = 127.0.0.1:$port
-
+ kdc_listen = 127.0.0.1:$3
+ kdc_tcp_listen = 127.0.0.1:$3
 [realms]
-    $realm = {
-        database_name = $dir/principal
-        key_stash_file = $dir/stash
-        acl_file = $dir/kadm5.acl
-        max_life = $max_life
-        max_renewable_life = $renew_life
-        master_key_type = aes256-cts-hmac-sha1-96
-        supported_enctypes = aes256-cts-hmac-sha1-96:normal aes128-cts-hmac-sha1-96:normal
-    }
-
+ $2 = {
+  database_name = $1/principal
+  key_stash_file = $1/stash
+  acl_file = $1/kadm5.acl
+  max_life = $4
+  max_renewable_life = $5
+  master_key_type = aes256-cts-hmac-sha1-96
+  supported_enctypes = aes256-cts-hmac-sha1-96:normal aes128-cts-hmac-sha1-96:normal
+ }
 [logging]
-    kdc = FILE:$dir/kdc.log
-    admin_server = FILE:$dir/kadmin.log
-    default = FILE:$dir/kdc.log
+ kdc = FILE:$1/kdc.log
+ default = FILE:$1/kdc.log
 EOF
-  cat >"$dir/realm.state" <<EOF
-REALM=$realm
-PORT=$port
-EOF
+  printf 'REALM=%s\nPORT=%s\n' "$2" "$3" >"$1/realm.state"
+  local vars=(KRB5_CONFIG="$1/krb5.conf" KRB5_KDC_PROFILE="$1/kdc.conf" KRB5_KTNAME="FILE:$1/keytab"
+    KRB5CCNAME="FILE:$1/ccache" KRB5RCACHEDIR="$1/rcache" OSTREL_REALM="$2" OSTREL_REALM_DIR="$1" OSTREL_KDC_PORT="$3"
+    OSTREL_USER1="$USER1" OSTREL_PASS1="$PASS1" OSTREL_USER2="$USER2" OSTREL_PASS2="$PASS2" OSTREL_SPN="$SPN"
+    OSTREL_SPN_HOST="$SPN_HOST" OSTREL_SPN_NO_KEY="$SPN_NO_KEY")
+  printf '%s\n' "${vars[@]}" >"$1/env"
+  printf 'export %q\n' "${vars[@]}" >"$1/env.sh"
 }
 
-write_env() {
-  local dir=$1 realm=$2 port=$3 name value
-  local -a vars=(
-    KRB5_CONFIG "$dir/krb5.conf"
-    KRB5_KDC_PROFILE "$dir/kdc.conf"
-    KRB5_KTNAME "FILE:$dir/keytab"
-    KRB5CCNAME "FILE:$dir/ccache"
-    KRB5RCACHEDIR "$dir/rcache"
-    OSTREL_REALM "$realm"
-    OSTREL_REALM_DIR "$dir"
-    OSTREL_KDC_PORT "$port"
-    OSTREL_USER1 "$USER1"
-    OSTREL_PASS1 "$PASS1"
-    OSTREL_USER2 "$USER2"
-    OSTREL_PASS2 "$PASS2"
-    OSTREL_SPN "$SPN_HTTP"
-    OSTREL_SPN_HOST "$SPN_HOST"
-    OSTREL_SPN_NO_KEY "$SPN_NO_KEY"
-  )
-  : >"$dir/env.sh.tmp"
-  : >"$dir/env.tmp"
-  set -- "${vars[@]}"
-  while [ $# -gt 0 ]; do
-    name=$1 value=$2
-    shift 2
-    printf 'export %s=%q\n' "$name" "$value" >>"$dir/env.sh.tmp"
-    printf '%s=%s\n' "$name" "$value" >>"$dir/env.tmp"
-  done
-  mv "$dir/env.tmp" "$dir/env"
-  mv "$dir/env.sh.tmp" "$dir/env.sh"
-}
-
-create_database() {
-  local dir=$1 realm=$2 master out
-  master=$(head -c 18 /dev/urandom | od -An -tx1 | tr -d ' \n')
-  out=$(kdb5_util -r "$realm" create -s -P "$master" 2>&1) ||
-    die "kdb5_util create failed: $out"
-  : >"$dir/kadm5.acl"
-  out=$(kadmin.local -r "$realm" 2>&1 <<EOF
-addprinc -pw $PASS1 $USER1
-addprinc -pw $PASS2 $USER2
-addprinc -randkey $SPN_HTTP
-addprinc -randkey $SPN_HOST
-addprinc -randkey $SPN_NO_KEY
-ktadd -k $dir/keytab $SPN_HTTP $SPN_HOST
-EOF
-  ) || die "kadmin.local failed: $out"
-  # kadmin.local exits 0 even when a command fails: check the result instead.
-  local princs keys p
-  princs=$(kadmin.local -r "$realm" -q listprincs 2>/dev/null)
-  for p in "$USER1" "$USER2" "$SPN_HTTP" "$SPN_HOST" "$SPN_NO_KEY"; do
-    grep -qxF "$p@$realm" <<<"$princs" || die "principal $p@$realm was not created: $out"
-  done
-  keys=$(klist -k "FILE:$dir/keytab" 2>&1) || die "no keytab written: $keys"
-  for p in "$SPN_HTTP" "$SPN_HOST"; do
-    grep -qF " $p@$realm" <<<"$keys" || die "keytab lacks $p@$realm: $keys"
-  done
-  printf '%s %s\n%s %s\n' "$USER1" "$PASS1" "$USER2" "$PASS2" >"$dir/passwords"
-  chmod 600 "$dir/passwords" "$dir/keytab" "$dir/stash"
-}
-
-# Sockets bound to PORT: "TCP-listeners UDP-sockets". The KDC sets SO_REUSEPORT, so a
-# second KDC on a taken port starts without error and the kernel splits the traffic.
-port_sockets() {
-  local hex files=() f
-  hex=$(printf '%04X' "$1")
-  for f in /proc/net/tcp /proc/net/tcp6 /proc/net/udp /proc/net/udp6; do
-    [ -r "$f" ] && files+=("$f")
-  done
-  [ ${#files[@]} -gt 0 ] || return 1
-  awk -v p=":$hex" '
-    FNR > 1 && substr($2, length($2) - 4) == p {
-      if (FILENAME ~ /udp/) u++; else if ($4 == "0A") t++
-    }
-    END { print t + 0, u + 0 }' "${files[@]}"
-}
-
-port_in_use() {
-  local counts
-  if counts=$(port_sockets "$1"); then
-    [ "$counts" != "0 0" ]
-  else
-    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
-  fi
-}
-
-# Below Linux's default ephemeral range, so outgoing connections do not collide.
-random_port() {
-  local p
-  for _ in $(seq 1 50); do
-    p=$((20000 + (RANDOM * 32768 + RANDOM) % 12000))
-    port_in_use "$p" || { echo "$p"; return 0; }
-  done
-  die "found no free port on 127.0.0.1"
-}
-
-# Starts the KDC as a child (never daemon mode) and records its PID.
-# Returns 2 if the port was taken, so a caller that picked it can try another.
-launch_kdc() {
-  local dir=$1 realm=$2 port=$3 pid deadline
-  ! port_in_use "$port" || return 2
-  : >"$dir/kdc.log"
-  KRB5_CONFIG=$dir/krb5.conf KRB5_KDC_PROFILE=$dir/kdc.conf \
-    krb5kdc -n -r "$realm" </dev/null >"$dir/kdc.out" 2>&1 &
-  pid=$!
-  KDC_PID=$pid
-  echo "$pid" >"$dir/kdc.pid"
-  deadline=$((SECONDS + START_TIMEOUT))
-  while :; do
-    if ! proc_alive "$pid"; then
-      wait "$pid" 2>/dev/null || true
-      KDC_PID=
-      rm -f "$dir/kdc.pid"
-      if grep -q 'Address already in use' "$dir/kdc.log" "$dir/kdc.out" 2>/dev/null; then
-        return 2
-      fi
-      note "the KDC exited during start-up; its log:"
-      cat "$dir/kdc.out" "$dir/kdc.log" >&2 || true
-      return 1
+# Starts the KDC of DIR as a child (never daemon mode); 2 if its port is taken.
+launch() {
+  local dir=$1 port i
+  . "$dir/realm.state"
+  port=$PORT
+  [ "$(sockets_on "$port")" = "0 0" ] || return 2
+  KRB5_CONFIG=$dir/krb5.conf KRB5_KDC_PROFILE=$dir/kdc.conf krb5kdc -n -r "$REALM" </dev/null >"$dir/kdc.out" 2>&1 &
+  echo $! >"$dir/kdc.pid"
+  for i in $(seq "$((${OSTREL_REALM_START_TIMEOUT:-10} * 100))"); do
+    if ! alive "$(cat "$dir/kdc.pid")"; then
+      grep -q 'Address already in use' "$dir/kdc.out" "$dir/kdc.log" 2>/dev/null && return 2
+      break
     fi
-    if grep -q 'commencing operation' "$dir/kdc.log" 2>/dev/null &&
-       (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
-      local counts
-      if counts=$(port_sockets "$port") && [ "$counts" != "1 1" ]; then
-        note "another process shares 127.0.0.1:$port (TCP listeners, UDP sockets: $counts)"
-        terminate "$pid" is_realm_kdc "$dir" KDC
-        wait "$pid" 2>/dev/null || true
-        KDC_PID=
-        rm -f "$dir/kdc.pid"
-        return 2
-      fi
-      return 0
-    fi
-    if [ $SECONDS -ge "$deadline" ]; then
-      note "the KDC (pid $pid) did not accept on 127.0.0.1:$port within ${START_TIMEOUT}s; its log:"
-      cat "$dir/kdc.out" "$dir/kdc.log" >&2 || true
-      return 1
+    if grep -q 'commencing operation' "$dir/kdc.log" 2>/dev/null && (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+      [ "$(sockets_on "$port")" = "1 1" ] && return 0
+      stop_kdcs "$dir"
+      return 2
     fi
     sleep 0.01
   done
+  cat "$dir/kdc.out" "$dir/kdc.log" >&2 2>/dev/null
+  return 1
 }
 
-# On any failure or interruption before success, leave nothing running.
-KDC_PID=
-WATCH_PID=
-STARTED_OK=0
-START_DIR=
-on_start_exit() {
+# On any failure or interruption before success, no KDC is left running; files are kept for diagnosis.
+on_failure() {
   local rc=$?
-  [ "$STARTED_OK" = 1 ] && return 0
-  if [ -n "$START_DIR" ]; then
-    if [ -n "$KDC_PID" ]; then
-      kill -TERM "$KDC_PID" 2>/dev/null || true
-      wait "$KDC_PID" 2>/dev/null || true
-    fi
-    stop_kdc "$START_DIR" 2>/dev/null || true
-    stop_watchdog "$START_DIR" 2>/dev/null || true
-    note "start failed (status $rc); no KDC left running; files kept in $START_DIR"
-  fi
+  trap - EXIT
+  stop_kdcs "$1" 2>/dev/null || true
+  stop_watchdog "$1"
+  echo "realm.sh: start failed (status $rc); no KDC left running" >&2
   exit "$rc"
 }
-arm_start_trap() {
-  trap on_start_exit EXIT
-  trap 'exit 130' INT
-  trap 'exit 143' TERM
-  trap 'exit 129' HUP
+arm() {
+  trap "on_failure '$1'" EXIT
+  trap 'exit 130' INT; trap 'exit 143' TERM; trap 'exit 129' HUP
 }
 
 cmd_start() {
-  [ $# -ge 1 ] || { usage >&2; exit 2; }
-  local dir=$1 port="" realm=$DEFAULT_REALM max_life=10m renew_life=1h clockskew=300
-  local watch="" replace=0
+  local dir=${1:?DIR} port= realm=$REALM max=10m renew=1h skew=300 watch= replace= rc tries
   shift
   while [ $# -gt 0 ]; do
     case $1 in
-      --port) port=${2:?--port needs a value}; shift 2 ;;
-      --realm) realm=${2:?--realm needs a value}; shift 2 ;;
-      --max-life) max_life=${2:?--max-life needs a value}; shift 2 ;;
-      --renew-life) renew_life=${2:?--renew-life needs a value}; shift 2 ;;
-      --clockskew) clockskew=${2:?--clockskew needs a value}; shift 2 ;;
-      --watch) watch=${2:?--watch needs a PID or 'parent'}; shift 2 ;;
-      --replace) replace=1; shift ;;
+      --port) port=$2 ;; --realm) realm=$2 ;; --max-life) max=$2 ;; --renew-life) renew=$2 ;;
+      --clockskew) skew=$2 ;; --watch) watch=$2 ;; --replace) replace=1; shift; continue ;;
       *) die "start: unknown option '$1'" ;;
     esac
+    shift 2 || die "$1 needs a value"
   done
   [ "$watch" != parent ] || watch=$PPID
-  [ -z "$port" ] || [[ $port =~ ^[0-9]+$ && $port -gt 0 && $port -lt 65536 ]] ||
-    die "invalid port '$port'"
-  [ -z "$watch" ] || [[ $watch =~ ^[0-9]+$ ]] || die "invalid --watch '$watch'"
-  [[ $clockskew =~ ^[0-9]+$ ]] || die "invalid clockskew '$clockskew'"
-  need_tools krb5kdc kdb5_util kadmin.local klist
-
-  if [ "$replace" = 1 ] && [ -e "$dir" ]; then
-    cmd_destroy "$dir"
-  fi
-  mkdir -p "$dir" || die "cannot create $dir"
-  dir=$(canonical_dir "$dir") || die "cannot enter $1"
-  [ -z "$(ls -A "$dir")" ] || die "$dir is not empty (use --replace, or $PROG destroy $dir)"
-
-  START_DIR=$dir
-  arm_start_trap
-  umask 022
+  [[ ${port:-1}${watch:-1}$skew =~ ^[0-9]+$ ]] || die "invalid --port, --watch or --clockskew"
+  [ -z "$replace" ] || [ ! -e "$dir" ] || cmd_destroy "$dir"
+  mkdir -p "$dir" && dir=$(canonical "$dir") || die "cannot create $1"
+  [ -z "$(ls -A "$dir")" ] || die "$dir is not empty (use --replace, or realm.sh destroy $dir)"
+  arm "$dir"
   mkdir "$dir/rcache"
+  write_files "$dir" "$realm" "${port:-${OSTREL_REALM_FIRST_PORT:-$(random_port)}}" "$max" "$renew" "$skew"
   export KRB5_CONFIG=$dir/krb5.conf KRB5_KDC_PROFILE=$dir/kdc.conf
-
-  local fixed_port=$port
-  [ -n "$port" ] || port=${OSTREL_REALM_FIRST_PORT:-$(random_port)}
-  write_configs "$dir" "$realm" "$port" "$max_life" "$renew_life" "$clockskew"
-  create_database "$dir" "$realm"
-
+  kdb5_util -r "$realm" create -s -P "$(head -c 18 /dev/urandom | od -An -tx1 | tr -d ' \n')" >/dev/null 2>&1 || die "kdb5_util failed"
+  : >"$dir/kadm5.acl"
+  kadmin.local -r "$realm" >/dev/null 2>&1 <<EOF
+addprinc -pw $PASS1 $USER1
+addprinc -pw $PASS2 $USER2
+addprinc -randkey $SPN
+addprinc -randkey $SPN_HOST
+addprinc -randkey $SPN_NO_KEY
+ktadd -k $dir/keytab $SPN $SPN_HOST
+EOF
+  # kadmin.local exits 0 even when a command fails: check the result.
+  [ "$(klist -k "$dir/keytab" 2>/dev/null | grep -c "@$realm")" -ge 4 ] || die "the realm's principals or keytab are missing"
+  printf '%s %s\n%s %s\n' "$USER1" "$PASS1" "$USER2" "$PASS2" >"$dir/passwords"
+  chmod 600 "$dir/passwords" "$dir/keytab" "$dir/stash"
   if [ -n "$watch" ]; then
-    proc_alive "$watch" || die "--watch: no process $watch"
-    OSTREL_REALM_WATCHDOG=$dir bash "$SELF" _watch "$dir" "$watch" \
-      </dev/null >>"$dir/watchdog.log" 2>&1 &
-    WATCH_PID=$!
-    echo "$WATCH_PID" >"$dir/watchdog.pid"
+    [ -d "/proc/$watch" ] || die "--watch: no process $watch"
+    OSTREL_REALM_WATCHDOG=$dir bash "$SELF" _watch "$dir" "$watch" </dev/null >>"$dir/watchdog.log" 2>&1 &
+    echo $! >"$dir/watchdog.pid"
   fi
-
-  local attempt rc
-  for attempt in 1 2 3 4 5 6 7 8; do
+  for tries in 1 2 3 4 5 6 7 8; do
     rc=0
-    launch_kdc "$dir" "$realm" "$port" || rc=$?
-    [ $rc -eq 0 ] && break
-    if [ $rc -eq 2 ] && [ -z "$fixed_port" ] && [ $attempt -lt 8 ]; then
-      note "port $port is taken; trying another"
-      port=$(random_port)
-      write_configs "$dir" "$realm" "$port" "$max_life" "$renew_life" "$clockskew"
-      continue
-    fi
-    [ $rc -eq 2 ] && die "port $port on 127.0.0.1 is already in use"
-    die "the KDC did not start"
+    launch "$dir" || rc=$?
+    [ $rc = 2 ] && [ -z "$port" ] || break
+    write_files "$dir" "$realm" "$(random_port)" "$max" "$renew" "$skew"
   done
-  # Test hooks: fail or stall half-way, with the KDC running.
-  case ${OSTREL_REALM_FAULT:-} in
-    after-kdc) die "failing on purpose after the KDC started (OSTREL_REALM_FAULT)" ;;
-    hang-after-kdc) note "stalling on purpose after the KDC started (OSTREL_REALM_FAULT)"
-                    while :; do sleep 0.1; done ;;
+  [ $rc != 2 ] || die "port $port on 127.0.0.1 is already in use"
+  [ $rc = 0 ] || die "the KDC did not start"
+  case ${OSTREL_REALM_FAULT:-} in  # test hooks: fail or stall half-way, with the KDC running
+    fail) die "failing on purpose after the KDC started" ;;
+    hang) echo "stalling on purpose" >&2; while :; do sleep 0.1; done ;;
   esac
-
-  write_env "$dir" "$realm" "$port"
-  STARTED_OK=1
-  echo "realm $realm: KDC pid $KDC_PID on 127.0.0.1:$port; environment in $dir/env.sh"
-}
-
-cmd_watch() {
-  local dir=$1 owner=$2
-  trap '' INT HUP
-  while [ -d "$dir" ] && proc_alive "$owner"; do
-    sleep 0.5
-  done
-  if [ -d "$dir" ]; then
-    echo "$(date '+%F %T') process $owner is gone: stopping the KDC of $dir"
-    stop_kdc "$dir"
-    rm -f "$dir/watchdog.pid"
-  fi
-}
-
-cmd_start_kdc() {
-  [ $# -eq 1 ] || { usage >&2; exit 2; }
-  local dir pid
-  dir=$(canonical_dir "$1") || die "no realm at $1"
-  local REALM PORT
-  load_state "$dir"
-  need_tools krb5kdc
-  for pid in $(realm_kdc_pids "$dir"); do die "the KDC of $dir is already running (pid $pid)"; done
-  START_DIR=$dir
-  arm_start_trap
-  local rc=0
-  launch_kdc "$dir" "$REALM" "$PORT" || rc=$?
-  [ $rc -ne 2 ] || die "port $PORT on 127.0.0.1 is already in use"
-  [ $rc -eq 0 ] || die "the KDC did not start"
-  STARTED_OK=1
-  echo "realm $REALM: KDC pid $KDC_PID on 127.0.0.1:$PORT"
-}
-
-cmd_stop_kdc() {
-  [ $# -eq 1 ] || { usage >&2; exit 2; }
-  local dir
-  dir=$(canonical_dir "$1") || { note "no realm at $1: nothing to stop"; return 0; }
-  stop_kdc "$dir"
-}
-
-cmd_stop() {
-  [ $# -eq 1 ] || { usage >&2; exit 2; }
-  local dir
-  dir=$(canonical_dir "$1") || { note "no realm at $1: nothing to stop"; return 0; }
-  # The watchdog first, so it cannot race the stop.
-  stop_watchdog "$dir"
-  stop_kdc "$dir"
+  trap - EXIT
+  echo "realm $realm: KDC pid $(cat "$dir/kdc.pid") on 127.0.0.1:$(. "$dir/realm.state"; echo "$PORT"); environment in $dir/env.sh"
 }
 
 cmd_destroy() {
-  [ $# -eq 1 ] || { usage >&2; exit 2; }
   local dir
-  dir=$(canonical_dir "$1") || return 0
-  # Never remove a directory this script did not make.
-  if [ -n "$(ls -A "$dir")" ] && [ ! -f "$dir/realm.state" ]; then
-    die "$dir is not a realm made by $PROG (no realm.state): not removing it"
-  fi
-  cmd_stop "$dir"
+  dir=$(canonical "$1") || return 0
+  [ -z "$(ls -A "$dir")" ] || [ -f "$dir/realm.state" ] || die "$dir is not a realm made by realm.sh: not removing it"
+  stop_watchdog "$dir"
+  stop_kdcs "$dir"
   rm -rf "$dir"
 }
 
-cmd_kinit() {
-  [ $# -ge 2 ] || { usage >&2; exit 2; }
-  local dir user=$2 lifetime="" renewable="" ccache="" password="" have_password=0
-  dir=$(canonical_dir "$1") || die "no realm at $1"
-  shift 2
-  while [ $# -gt 0 ]; do
-    case $1 in
-      --lifetime) lifetime=${2:?--lifetime needs a value}; shift 2 ;;
-      --renewable) renewable=${2:?--renewable needs a value}; shift 2 ;;
-      --ccache) ccache=${2:?--ccache needs a value}; shift 2 ;;
-      --password) password=${2?--password needs a value}; have_password=1; shift 2 ;;
-      *) die "kinit: unknown option '$1'" ;;
-    esac
-  done
-  [ -f "$dir/env.sh" ] || die "$dir has no env.sh: was the realm started?"
-  need_tools kinit
-  # shellcheck disable=SC1091
-  . "$dir/env.sh"
-  if [ "$have_password" = 0 ]; then
-    local name=${user%@*} u p
-    while read -r u p; do
-      [ "$u" = "$name" ] && { password=$p; have_password=1; break; }
-    done <"$dir/passwords"
-    [ "$have_password" = 1 ] || die "no password known for '$user' (see $dir/passwords)"
-  fi
-  local -a args=()
-  [ -z "$lifetime" ] || args+=(-l "$lifetime")
-  [ -z "$renewable" ] || args+=(-r "$renewable")
-  [ -z "$ccache" ] || args+=(-c "$ccache")
-  # kinit reads the password from stdin when it is not a terminal; the prompt goes to stdout.
-  kinit "${args[@]}" "$user" <<<"$password" >/dev/null
-}
-
-cmd_exec() {
-  [ $# -ge 2 ] || { usage >&2; exit 2; }
-  local dir
-  dir=$(canonical_dir "$1") || die "no realm at $1"
-  [ -f "$dir/env.sh" ] || die "$dir has no env.sh: was the realm started?"
-  shift
-  # shellcheck disable=SC1091
-  . "$dir/env.sh"
-  exec "$@"
-}
-
-[ $# -ge 1 ] || { usage >&2; exit 2; }
+[ $# -ge 2 ] || usage
 command=$1
 shift
 case $command in
   start) cmd_start "$@" ;;
-  stop) cmd_stop "$@" ;;
-  stop-kdc) cmd_stop_kdc "$@" ;;
-  start-kdc) cmd_start_kdc "$@" ;;
-  kinit) cmd_kinit "$@" ;;
-  exec) cmd_exec "$@" ;;
-  destroy) cmd_destroy "$@" ;;
-  _watch) cmd_watch "$@" ;;
-  -h|--help|help) usage ;;
-  *) usage >&2; die "unknown command '$command'" ;;
+  stop) dir=$(canonical "$1") || exit 0; stop_watchdog "$dir"; stop_kdcs "$dir" ;;
+  stop-kdc) dir=$(canonical "$1") || exit 0; stop_kdcs "$dir" ;;
+  start-kdc)
+    dir=$(canonical "$1") && [ -f "$dir/realm.state" ] || die "no realm at $1"
+    [ -z "$(kdcs_of "$dir")" ] || die "the KDC of $dir is already running"
+    arm "$dir"
+    rc=0; launch "$dir" || rc=$?
+    [ $rc != 2 ] || die "its port on 127.0.0.1 is already in use"
+    [ $rc = 0 ] || die "the KDC did not start"
+    trap - EXIT ;;
+  kinit)
+    dir=$(canonical "$1") && [ -f "$dir/env.sh" ] || die "no started realm at $1"
+    user=$2
+    args=()
+    password=$(awk -v u="${2%@*}" '$1 == u { print $2 }' "$dir/passwords")
+    shift 2
+    while [ $# -gt 0 ]; do
+      case $1 in
+        --lifetime) args+=(-l "$2") ;; --renewable) args+=(-r "$2") ;; --ccache) args+=(-c "$2") ;; --password) password=$2 ;;
+        *) die "kinit: unknown option '$1'" ;;
+      esac
+      shift 2
+    done
+    . "$dir/env.sh"
+    # The cache is the realm's own unless --ccache names one; the password goes through stdin.
+    kinit "${args[@]}" "$user" <<<"$password" >/dev/null ;;
+  exec) dir=$(canonical "$1") && [ -f "$dir/env.sh" ] || die "no started realm at $1"; shift; . "$dir/env.sh"; exec "$@" ;;
+  destroy) cmd_destroy "$1" ;;
+  _watch)  # stops the KDC when the watched process is gone
+    trap '' INT HUP
+    while [ -d "$1" ] && [ -d "/proc/$2" ]; do sleep 0.5; done  # not kill -0: the watched may be another user's
+    [ ! -d "$1" ] || { echo "process $2 is gone: stopping the KDC of $1"; stop_kdcs "$1"; rm -f "$1/watchdog.pid"; } ;;
+  *) usage ;;
 esac

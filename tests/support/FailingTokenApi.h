@@ -1,6 +1,7 @@
 // The real token operations, with chosen ones made to fail as the system would.
 #pragma once
 
+#include "authentication/ostrel/ThreadTokenHandler.h"
 #include "ostrel_platform/ISystemApi.h"
 #include "ostrel_platform/ITokenApi.h"
 
@@ -8,24 +9,19 @@ namespace ostrel_test {
 
 class FailingTokenApi : public ostrel::platform::ITokenApi {
 public:
-    bool bFailThreadToken = false;
-    bool bFailProcessToken = false;
-    bool bFailImpersonate = false;
-    bool bFailRevert = false;
+    bool bFailThreadToken = false, bFailProcessToken = false, bFailImpersonate = false, bFailRevert = false;
     DWORD nError = ERROR_ACCESS_DENIED;
-
-    FailingTokenApi() : m_real(ostrel::platform::Tokens()) {}
 
     HANDLE GetCurrentThread() override { return m_real.GetCurrentThread(); }
     HANDLE GetCurrentProcess() override { return m_real.GetCurrentProcess(); }
     BOOL OpenThreadToken(HANDLE h, DWORD a, BOOL s, PHANDLE t) override {
-        return bFailThreadToken ? fail() : m_real.OpenThreadToken(h, a, s, t);
+        return bFailThreadToken ? Fail() : m_real.OpenThreadToken(h, a, s, t);
     }
     BOOL OpenProcessToken(HANDLE h, DWORD a, PHANDLE t) override {
-        return bFailProcessToken ? fail() : m_real.OpenProcessToken(h, a, t);
+        return bFailProcessToken ? Fail() : m_real.OpenProcessToken(h, a, t);
     }
-    BOOL ImpersonateLoggedOnUser(HANDLE t) override { return bFailImpersonate ? fail() : m_real.ImpersonateLoggedOnUser(t); }
-    BOOL RevertToSelf() override { return bFailRevert ? fail() : m_real.RevertToSelf(); }
+    BOOL ImpersonateLoggedOnUser(HANDLE t) override { return bFailImpersonate ? Fail() : m_real.ImpersonateLoggedOnUser(t); }
+    BOOL RevertToSelf() override { return bFailRevert ? Fail() : m_real.RevertToSelf(); }
     BOOL GetTokenInformation(HANDLE t, TOKEN_INFORMATION_CLASS c, LPVOID p, DWORD n, PDWORD r) override {
         return m_real.GetTokenInformation(t, c, p, n, r);
     }
@@ -36,11 +32,17 @@ public:
     BOOL CloseHandle(HANDLE h) override { return m_real.CloseHandle(h); }
 
 private:
-    BOOL fail() {
+    BOOL Fail() {
         ostrel::platform::System().SetLastError(nError);
         return FALSE;
     }
-    ostrel::platform::ITokenApi& m_real;
+    ostrel::platform::ITokenApi& m_real = ostrel::platform::Tokens();
 };
+
+// The system's own text for an error number, as the plug-in traces it.
+inline std::string SystemText(DWORD i_nError) {
+    ostrel::platform::System().SetLastError(i_nError);
+    return Tarvik500::ToAnsiString(ostrel::LastErrorText().c_str()).c_str();
+}
 
 }  // namespace ostrel_test

@@ -22,21 +22,16 @@ public:
     TraceCapture(const TraceCapture&) = delete;
     TraceCapture& operator=(const TraceCapture&) = delete;
 
-    // Lines that contain the text, counted.
-    size_t count(const std::string& i_text) const {
+    // Lines that contain the text; with i_bAtEnd, lines that end with it exactly.
+    size_t count(const std::string& i_text, bool i_bAtEnd = false) const {
         std::lock_guard<std::mutex> guard(m_mutex);
-        return static_cast<size_t>(std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& l) {
-            return l.find(i_text) != std::string::npos;
-        }));
-    }
-    bool has(const std::string& i_text) const { return count(i_text) > 0; }
-    // A line ends with the text exactly (nothing after it, trailing blanks kept).
-    bool hasLineEndingWith(const std::string& i_text) const {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return std::any_of(m_lines.begin(), m_lines.end(), [&](const std::string& l) {
-            return l.size() >= i_text.size() && l.compare(l.size() - i_text.size(), i_text.size(), i_text) == 0;
+        return std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& l) {
+            const size_t at = l.rfind(i_text);
+            return at != std::string::npos && (!i_bAtEnd || at + i_text.size() == l.size());
         });
     }
+    bool has(const std::string& i_text) const { return count(i_text) > 0; }
+    bool hasLineEndingWith(const std::string& i_text) const { return count(i_text, true) > 0; }
     void clear() {
         std::lock_guard<std::mutex> guard(m_mutex);
         m_lines.clear();
