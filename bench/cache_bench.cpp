@@ -63,7 +63,7 @@ const SWCharString& Provider() {
     return s_provider.name();
 }
 
-CSmartRefCountPtr<StaticToken> NewToken() { return new BenchToken(Provider()); }
+CSmartRefCountPtr<StaticToken> NewToken() { return CSmartRefCountPtr<StaticToken>(new BenchToken(Provider())); }
 
 // A cache of n contexts with its cleaner stopped, and its keys in random order.
 struct FilledCache {
@@ -73,7 +73,7 @@ struct FilledCache {
 
 std::unique_ptr<FilledCache> Fill(int64_t i_nContexts, bool i_bStopCleaner) {
     auto pFilled = std::make_unique<FilledCache>();
-    pFilled->pCache = new SecContextCache(false);
+    pFilled->pCache = CSmartRefCountPtr<SecContextCache>(new SecContextCache(false));
     pFilled->arrKeys.reserve(static_cast<size_t>(i_nContexts));
     for (int64_t i = 0; i < i_nContexts; ++i) {
         CSmartRefCountPtr<StaticToken> pToken = NewToken();
@@ -164,7 +164,7 @@ void BM_ImpersonateRevert(benchmark::State& state) {
 // Fresh tokens in batches, made outside the timing; the cache grows as it goes.
 void BM_Insert(benchmark::State& state) {
     constexpr size_t kBatch = 10000;
-    CSmartRefCountPtr<SecContextCache> pCache = new SecContextCache(false);
+    CSmartRefCountPtr<SecContextCache> pCache{new SecContextCache(false)};
     std::vector<CSmartRefCountPtr<StaticToken>> arrTokens;
     arrTokens.reserve(kBatch);
     Latencies latencies(1 << 22);
@@ -292,7 +292,7 @@ BENCHMARK(BM_InsertStallDuringScan)
 void BM_MemoryPerContext(benchmark::State& state) {
     const auto nContexts = static_cast<size_t>(state.range(0));
     for (auto _ : state) {
-        CSmartRefCountPtr<SecContextCache> pCache = new SecContextCache(false);
+        CSmartRefCountPtr<SecContextCache> pCache{new SecContextCache(false)};
         pCache->StartUpdateThread();
         std::vector<CSmartRefCountPtr<StaticToken>> arrTokens;
         arrTokens.reserve(nContexts);

@@ -236,7 +236,7 @@ bool CachedContexts() {
             return false;
         }
     }
-    CSmartRefCountPtr<ostrel::SecContextCache> pCache = ostrel::SSOImpl::instance()->GetContextCacheForTesting();
+    CSmartRefCountPtr<ostrel::SecContextCache> pCache = ostrel::TestAccess::ContextCache(*ostrel::SSOImpl::instance());
     pCache->Remove(Tarvik500::SWCharString(reinterpret_cast<const ostrel_char*>(g_keys.back().c_str())), g_pRenewed);
     g_keys.pop_back();
     std::mt19937_64 rng(42);
@@ -252,12 +252,12 @@ bool CachedContexts() {
 
 // The cache filled up to i_nContexts, its cleaner stopped so that no scan falls into a timing.
 void FillCache(size_t i_nContexts) {
-    CSmartRefCountPtr<ostrel::SecContextCache> pCache = ostrel::SSOImpl::instance()->GetContextCacheForTesting();
+    CSmartRefCountPtr<ostrel::SecContextCache> pCache = ostrel::TestAccess::ContextCache(*ostrel::SSOImpl::instance());
     if (!g_pFiller) {
         g_pFiller = std::make_unique<ostrel_test::ScopedFakeProvider>();
     }
     while (pCache->GetCount() < i_nContexts) {
-        CSmartRefCountPtr<ostrel::StaticToken> pToken = new ostrel_test::FakeToken(g_pFiller->name());
+        CSmartRefCountPtr<ostrel::StaticToken> pToken{new ostrel_test::FakeToken(g_pFiller->name())};
         pCache->Insert(pToken);
     }
     pCache->StopUpdateThread();

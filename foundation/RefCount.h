@@ -35,8 +35,9 @@ class CSmartRefCountPtr {
 public:
     CSmartRefCountPtr() noexcept = default;
     CSmartRefCountPtr(std::nullptr_t) noexcept {}
-    // Adopts the count of a fresh object: no addRef.
-    CSmartRefCountPtr(T* i_pFresh) noexcept : m_p(i_pFresh) {}
+    // Adopts the count of a fresh object: no addRef. Explicit, so that a pointer some other owner
+    // holds is never adopted by accident (one release too many).
+    explicit CSmartRefCountPtr(T* i_pFresh) noexcept : m_p(i_pFresh) {}
     CSmartRefCountPtr(const CSmartRefCountPtr& i_other) noexcept : m_p(i_other.m_p) {
         if (m_p != nullptr) {
             m_p->addRef();
@@ -79,16 +80,14 @@ public:
         }
         return *this;
     }
-    // Adopts a fresh object, dropping the old one.
-    CSmartRefCountPtr& operator=(T* i_pFresh) noexcept {
+    CSmartRefCountPtr& operator=(std::nullptr_t) noexcept {
         T* pOld = m_p;
-        m_p = i_pFresh;
+        m_p = nullptr;
         if (pOld != nullptr) {
             pOld->release();
         }
         return *this;
     }
-    CSmartRefCountPtr& operator=(std::nullptr_t) noexcept { return *this = static_cast<T*>(nullptr); }
 
     T* operator->() const noexcept { return m_p; }
     T& operator*() const noexcept { return *m_p; }

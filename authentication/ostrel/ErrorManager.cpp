@@ -128,7 +128,7 @@ Plugin_Exception_Struct* ErrorManager::GetThreadError() {
 }
 
 ostrel_char* ErrorManager::GetMessageContent(uint32_t i_nMessageId) {
-    const SWCharString ssText = SResManager::LoadStringW(i_nMessageId, 0);
+    const SWCharString ssText = Tarvik500::SResManager::LoadStringW(i_nMessageId, 0);
     if (ssText.isEmpty()) {
         return nullptr;
     }

@@ -11,6 +11,12 @@
 
 namespace ostrel {
 
+using Tarvik500::CSharedLibraryException;
+using Tarvik500::ECS_UTF8;
+using Tarvik500::MBCSCodesetConverter;
+using Tarvik500::SSimpleBuffer;
+using Tarvik500::ToInt32;
+
 using platform::AgentAttributeRecord;
 using platform::AgentInitRecord;
 using platform::AgentManagementRecord;

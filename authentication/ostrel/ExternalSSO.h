@@ -57,8 +57,9 @@ public:
     bool VerifyUser(const SWCharString& i_ssToken, SWCharString& o_ssUserName) override;
 
     static void ParseSiteMinderServersAndPorts(const SWCharString& i_ssServersAndPorts,
-                                               SIArray<SSimpleBuffer>& arrSSOServers, SIArray<int>& arrAzPorts,
-                                               SIArray<int>& arrAuthPorts, SIArray<int>& arrAcctPorts);
+                                               SIArray<Tarvik500::SSimpleBuffer>& arrSSOServers,
+                                               SIArray<int>& arrAzPorts, SIArray<int>& arrAuthPorts,
+                                               SIArray<int>& arrAcctPorts);
     static void SeparateElements(SWCharString i_ssText, SIArray<SWCharString>& o_arrElements, ostrel_char i_cSeparator,
                                  ostrel_char i_cEscape, bool i_bCollapseEscapes);
 

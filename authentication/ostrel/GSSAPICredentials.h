@@ -13,12 +13,12 @@ public:
     GSSAPIClientCredentials(const SWCharString& i_ssUsername, const SWCharString& i_ssPassword, int i_nType,
                             CSmartRefCountPtr<GSSAPIDllWrapper> i_pGssDll);
 
-    gss_cred_id_t m_CredHandle = nullptr;
-
 protected:
     ~GSSAPIClientCredentials() override;
 
 private:
+    friend class GSSAPIHandler;
+    gss_cred_id_t m_CredHandle = nullptr;
     CSmartRefCountPtr<GSSAPIDllWrapper> m_pGssDll;
 };
 
@@ -27,13 +27,15 @@ public:
     GSSAPIServerCredentials(const SWCharString& i_ssServerName, int i_nType,
                             CSmartRefCountPtr<GSSAPIDllWrapper> i_pGssDll);
 
-    SWCharString m_ssServerName;
-    gss_cred_id_t m_CredHandle = nullptr;
+    gss_cred_id_t GetCredHandle() const { return m_CredHandle; }
 
 protected:
     ~GSSAPIServerCredentials() override;
 
 private:
+    friend class GSSAPIHandler;
+    SWCharString m_ssServerName;
+    gss_cred_id_t m_CredHandle = nullptr;
     void Acquire(int i_nType);
     CSmartRefCountPtr<GSSAPIDllWrapper> m_pGssDll;
 };

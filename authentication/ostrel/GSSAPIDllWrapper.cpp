@@ -80,8 +80,8 @@ bool GSSAPIDllWrapper::Initialize() {
                "calls.");
     }
     try {
-        m_Dll.LoadLibraryW(m_ssDllName, CSharedLibrary::LM_NOW_LOCAL, true);
-    } catch (CSharedLibraryException& e) {
+        m_Dll.LoadLibraryW(m_ssDllName, Tarvik500::CSharedLibrary::LM_NOW_LOCAL, true);
+    } catch (Tarvik500::CSharedLibraryException& e) {
         ZeroPointers();
         STRACE("ssoplugin: GSSAPIDllWrapper::Initialize() -- Unable to load dll %1: %2", m_ssDllName, e.text());
         return false;
@@ -100,7 +100,7 @@ bool GSSAPIDllWrapper::Initialize() {
         m_gss_display_status = reinterpret_cast<display_status_fn>(m_Dll.GetFunction("gss_display_status", true));
         m_gss_release_name = reinterpret_cast<release_name_fn>(m_Dll.GetFunction("gss_release_name", true));
         m_gss_release_buffer = reinterpret_cast<release_buffer_fn>(m_Dll.GetFunction("gss_release_buffer", true));
-    } catch (CSharedLibraryException& e) {
+    } catch (Tarvik500::CSharedLibraryException& e) {
         STRACE("ssoplugin: GSSAPIDllWrapper::Initialize() -- Expected symbols not found in DLL %1: %2", m_ssDllName,
                e.text());
         ZeroPointers();

@@ -25,11 +25,6 @@ GSSAPIHandler::GSSAPIHandler() : SSOHandler(true, 0, 5, true) { m_RequiredParame
 
 GSSAPIHandler::~GSSAPIHandler() { m_pGssDll = nullptr; }
 
-void GSSAPIHandler::SetDllForTesting(const CSmartRefCountPtr<GSSAPIDllWrapper>& i_pGssDll) {
-    CSmartWriteLocker lock(m_HandlerLock);
-    m_pGssDll = i_pGssDll;
-}
-
 CSmartRefCountPtr<GSSAPIDllWrapper> GSSAPIHandler::Dll() {
     CSmartReadLocker lock(m_HandlerLock);
     return m_pGssDll;
@@ -52,7 +47,7 @@ void GSSAPIHandler::GetRequiredParameters(Parameters& o_params) {
 void GSSAPIHandler::InitHandler(const Parameters& i_params) {
     CSmartWriteLocker lock(m_HandlerLock);
     if (m_pGssDll == nullptr) {
-        m_pGssDll = new GSSAPIDllWrapper();
+        m_pGssDll = CSmartRefCountPtr<GSSAPIDllWrapper>(new GSSAPIDllWrapper());
     }
     if (!m_pGssDll->IsInitialized() && !m_pGssDll->Initialize()) {
         STRACE("ssoplugin: GSSAPIHandler::InitHandler() -- Failed to initialize GSSAPI dll.");
@@ -173,8 +168,8 @@ int GSSAPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSessionPtr
         SASSERT_FAIL("ssoplugin: GSSAPIHandler::AcceptContext() -- Wrong type of SSOSessionPtr passed in.");
         throw SSOException(STATUS_FAILURE);
     }
-    const bool bFirstPass = pSession->m_nPass == 0;
-    ++pSession->m_nPass;
+    const bool bFirstPass = pSession->GetPass() == 0;
+    pSession->CountPass();
 
     // The closing call: the context completed last pass and the reply went out.
     if (!bFirstPass && i_pvBuffer == nullptr && i_nBufferSize == 0) {
@@ -259,9 +254,9 @@ int GSSAPIHandler::InitializeContext(SSOCredentialsPtr i_pCredentials, SSOSessio
         SASSERT_FAIL("ssoplugin: GSSAPIHandler::InitializeContext() -- Wrong type of SSOSessionPtr passed in.");
         throw SSOException(STATUS_FAILURE);
     }
-    STRACE("ssoplugin: GSSAPIHandler::InitializeContext() -- Pass %1", static_cast<int>(pSession->m_nPass) + 1);
-    const bool bFirstPass = pSession->m_nPass == 0;
-    ++pSession->m_nPass;
+    STRACE("ssoplugin: GSSAPIHandler::InitializeContext() -- Pass %1", static_cast<int>(pSession->GetPass()) + 1);
+    const bool bFirstPass = pSession->GetPass() == 0;
+    pSession->CountPass();
 
     // A client's target comes from its session, not from the handler.
     const Parameters params = pSession->GetParameters();
@@ -334,7 +329,7 @@ GSSAPISession::~GSSAPISession() {
 CSmartRefCountPtr<StaticToken> GSSAPISession::GetStaticToken() {
     CSmartRefCountPtr<StaticToken> pToken;
     try {
-        pToken = new GSSAPIStaticToken();
+        pToken = CSmartRefCountPtr<StaticToken>(new GSSAPIStaticToken());
     } catch (std::bad_alloc&) {
         SASSERT_FAIL("ssoplugin: GSSAPISession::GetStaticToken() -- Out of memory!");
         throw SSOException(g_OutOfMemoryException);

@@ -34,13 +34,11 @@ public:
     SWCharString GetSPN();
     void* CopyGssBuffer(gss_buffer_desc* i_pBuffer);
 
-    // Test seam: the library this handler binds on its first InitHandler.
-    void SetDllForTesting(const CSmartRefCountPtr<GSSAPIDllWrapper>& i_pGssDll);
-
 protected:
     ~GSSAPIHandler() override;
 
 private:
+    friend class TestAccess;
     CSmartRefCountPtr<GSSAPIDllWrapper> Dll();
     // The library's output token to the caller (an error token is not passed on);
     // the library's buffer goes back to it either way.
@@ -58,14 +56,14 @@ public:
     GSSAPISession(CSmartRefCountPtr<GSSAPIDllWrapper> i_pGssDll, const ParasSeq* i_pParas);
     CSmartRefCountPtr<StaticToken> GetStaticToken() override;
 
-    gss_ctx_id_t m_Context = GSSAPIDllWrapper::GSS_C_NO_CONTEXT;  // owned
-    // The library said the context is complete; only then may a closing call finish the login.
-    bool m_bComplete = false;
-
 protected:
     ~GSSAPISession() override;
 
 private:
+    friend class GSSAPIHandler;
+    gss_ctx_id_t m_Context = GSSAPIDllWrapper::GSS_C_NO_CONTEXT;  // owned
+    // The library said the context is complete; only then may a closing call finish the login.
+    bool m_bComplete = false;
     CSmartRefCountPtr<GSSAPIDllWrapper> m_pGssDll;
 };
 

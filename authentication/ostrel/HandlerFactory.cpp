@@ -1,6 +1,5 @@
 #include "HandlerFactory.h"
 
-#include <atomic>
 #include <new>
 
 #include "GSSAPIHandler.h"
@@ -38,19 +37,6 @@ bool SSOHandler::GetRenewalsAllowed() {
     return m_bRenewalsAllowed;
 }
 
-namespace {
-std::atomic<int> s_nFailHandlerAllocations{0};
-
-void CheckAllocationSeam() {
-    int n = s_nFailHandlerAllocations.load();
-    while (n > 0 && !s_nFailHandlerAllocations.compare_exchange_weak(n, n - 1)) {
-    }
-    if (n > 0) {
-        throw std::bad_alloc();
-    }
-}
-}  // namespace
-
 // The one factory, and the critical section that guards its creation.
 class SSOHandlerFactorySingleton {
 public:
@@ -58,7 +44,7 @@ public:
         CSmartCS guard(m_SingletonLock);
         if (m_pSingleton == nullptr) {
             try {
-                m_pSingleton = new SSOHandlerFactory();
+                m_pSingleton = CSmartRefCountPtr<SSOHandlerFactory>(new SSOHandlerFactory());
             } catch (std::bad_alloc&) {
                 SASSERT_FAIL("SSOHandlerFactory::instance() -- out of memory!");
                 throw SSOException(g_OutOfMemoryException);
@@ -98,14 +84,11 @@ CSmartRefCountPtr<SSOHandler> SSOHandlerFactory::GetHandler(const SWCharString& 
 
     try {
         if (i_ssType == g_ssProviderSSPI) {
-            CheckAllocationSeam();
-            pHandler = new KerberosSSPIHandler();
+            pHandler = CSmartRefCountPtr<SSOHandler>(new KerberosSSPIHandler());
         } else if (i_ssType == g_ssProviderThreadToken) {
-            CheckAllocationSeam();
-            pHandler = new ThreadTokenHandler();
+            pHandler = CSmartRefCountPtr<SSOHandler>(new ThreadTokenHandler());
         } else if (i_ssType == g_ssProviderGSSAPI) {
-            CheckAllocationSeam();
-            pHandler = new GSSAPIHandler();
+            pHandler = CSmartRefCountPtr<SSOHandler>(new GSSAPIHandler());
         }
     } catch (std::bad_alloc&) {
         SASSERT_FAIL("SSOHandlerFactory::GetHandler() -- Out of memory!");
@@ -127,17 +110,5 @@ void SSOHandlerFactory::ClearHandlers() {
     CSmartCS guard(m_FactoryLock);
     m_Handlers.RemoveAll();
 }
-
-void SSOHandlerFactory::SetHandlerForTesting(const SWCharString& i_ssType,
-                                             const CSmartRefCountPtr<SSOHandler>& i_pHandler) {
-    CSmartCS guard(m_FactoryLock);
-    if (i_pHandler == nullptr) {
-        m_Handlers.RemoveKey(i_ssType);
-    } else {
-        m_Handlers.SetAt(i_ssType, i_pHandler);
-    }
-}
-
-void SSOHandlerFactory::FailNextHandlerAllocationsForTesting(int i_nCount) { s_nFailHandlerAllocations = i_nCount; }
 
 }  // namespace ostrel

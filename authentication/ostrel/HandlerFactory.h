@@ -94,17 +94,13 @@ public:
     CSmartRefCountPtr<SSOHandler> GetHandler(const SWCharString& i_ssType);
     void ClearHandlers();
 
-    // Test seams: a handler of the test's own under a name, and allocations
-    // of new handlers that fail as if memory had run out.
-    void SetHandlerForTesting(const SWCharString& i_ssType, const CSmartRefCountPtr<SSOHandler>& i_pHandler);
-    static void FailNextHandlerAllocationsForTesting(int i_nCount);
-
 protected:
     ~SSOHandlerFactory() override = default;
 
 private:
     SSOHandlerFactory() = default;
     friend class SSOHandlerFactorySingleton;
+    friend class TestAccess;
 
     SIMap<SWCharString, CSmartRefCountPtr<SSOHandler>> m_Handlers;
     CS_Wrapper m_FactoryLock;

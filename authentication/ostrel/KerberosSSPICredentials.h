@@ -18,13 +18,13 @@ class KerberosSSPICredentials : public SSOCredentials {
 public:
     KerberosSSPICredentials(const SWCharString& i_ssUsername, const SWCharString& i_ssPassword, int i_nType);
 
-    CredHandle m_hCredentials = {0, 0};  // both words zero: none held
-    TimeStamp m_tsCredentialsExpiry = {};
-
 protected:
     ~KerberosSSPICredentials() override;
 
 private:
+    friend class KerberosSSPIHandler;
+    CredHandle m_hCredentials = {0, 0};  // both words zero: none held
+    TimeStamp m_tsCredentialsExpiry = {};
     void Acquire(const SWCharString& i_ssUsername, const SWCharString& i_ssPassword, int i_nType);
 };
 

@@ -196,9 +196,9 @@ int KerberosSSPIHandler::InitializeContext(SSOCredentialsPtr i_pCredentials, SSO
         SASSERT_FAIL("ssoplugin: KerberosSSPIHandler::InitializeContext() -- Wrong type of SSOSessionPtr passed in.");
         throw SSOException(STATUS_FAILURE);
     }
-    STRACE("ssoplugin: KerberosSSPIHandler::InitializeContext() -- Pass %1", static_cast<int>(pSession->m_nPass) + 1);
-    const bool bFirstPass = pSession->m_nPass == 0;
-    ++pSession->m_nPass;
+    STRACE("ssoplugin: KerberosSSPIHandler::InitializeContext() -- Pass %1", static_cast<int>(pSession->GetPass()) + 1);
+    const bool bFirstPass = pSession->GetPass() == 0;
+    pSession->CountPass();
 
     // A client's target comes from its session, never from the handler.
     const Parameters params = pSession->GetParameters();
@@ -269,8 +269,8 @@ int KerberosSSPIHandler::AcceptContext(SSOCredentialsPtr i_pCredentials, SSOSess
         SASSERT_FAIL("ssoplugin: KerberosSSPIHandler::AcceptContext() -- Wrong type of SSOSessionPtr passed in.");
         throw SSOException(STATUS_FAILURE);
     }
-    const bool bFirstPass = pSession->m_nPass == 0;
-    ++pSession->m_nPass;
+    const bool bFirstPass = pSession->GetPass() == 0;
+    pSession->CountPass();
 
     // The closing call: the peer has nothing more to say.
     if (!bFirstPass && i_pvBuffer == nullptr && i_nBufferSize == 0) {
@@ -347,7 +347,7 @@ SSPISession::~SSPISession() {
 CSmartRefCountPtr<StaticToken> SSPISession::GetStaticToken() {
     CSmartRefCountPtr<StaticToken> pToken;
     try {
-        pToken = new SSPIStaticToken(&m_hContext);
+        pToken = CSmartRefCountPtr<StaticToken>(new SSPIStaticToken(&m_hContext));
     } catch (std::bad_alloc&) {
         SASSERT_FAIL("ssoplugin: SSPISession::GetStaticToken() -- Out of memory!");
         throw SSOException(g_OutOfMemoryException);

@@ -56,12 +56,14 @@ public:
     explicit SSPISession(const ParasSeq* i_pParas);
     CSmartRefCountPtr<StaticToken> GetStaticToken() override;
 
+protected:
+    ~SSPISession() override;
+
+private:
+    friend class KerberosSSPIHandler;
     CtxtHandle m_hContext = {0, 0};  // owned while set
     // The package has said the context is complete; only then may a closing call finish a login.
     bool m_bComplete = false;
-
-protected:
-    ~SSPISession() override;
 };
 
 class SSPIStaticToken : public StaticToken {

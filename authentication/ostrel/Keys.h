@@ -4,10 +4,10 @@
 
 #include <cstdint>
 
+#include "FoundationNames.h"
 #include "foundation/SString.h"
 
 namespace ostrel {
-using namespace Tarvik500;
 
 // A keyed permutation of a counter; the key comes from the system's random
 // source at first use.

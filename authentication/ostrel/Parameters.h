@@ -3,12 +3,12 @@
 
 #include <cstdint>
 
+#include "FoundationNames.h"
 #include "foundation/Containers.h"
 #include "foundation/SString.h"
 #include "ostrel/ostrel.h"
 
 namespace ostrel {
-using namespace Tarvik500;
 
 // Keys shared by the whole plug-in, made once at load.
 extern const SWCharString g_ssKeyServerSpn;         // WP_SI_SERVER_SSPI_SPN_W

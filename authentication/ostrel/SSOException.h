@@ -4,11 +4,11 @@
 
 #include <cstdint>
 
+#include "FoundationNames.h"
 #include "foundation/Containers.h"
 #include "foundation/SString.h"
 
 namespace ostrel {
-using namespace Tarvik500;
 
 // Message ids the plug-in raises; their texts live in the message store.
 enum MessageId : uint32_t {

@@ -31,7 +31,7 @@ public:
         CSmartCS guard(m_cs);
         if (m_pSingleton == nullptr) {
             try {
-                m_pSingleton = new SSOImpl();
+                m_pSingleton = CSmartRefCountPtr<SSOImpl>(new SSOImpl());
             } catch (std::bad_alloc&) {
                 SASSERT_FAIL("ssoplugin: SSOImpl::instance() -- Out of memory!");
                 m_pSingleton = nullptr;
@@ -56,7 +56,7 @@ SSOImpl::~SSOImpl() {
     if (m_nInitRefcount != 0) {
         // The host never finished: tear down what can be torn down safely at unload.
         m_nInitRefcount = 0;
-        SResManager::Terminate();
+        Tarvik500::SResManager::Terminate();
         SLogger::Terminate();
         m_pContextManager = nullptr;
         m_pSessionManager = nullptr;
@@ -79,7 +79,7 @@ bool SSOImpl::Initialize() {
     }
     SASSERT(m_nInitRefcount == 0, "m_nInitRefcount == 0");
     SLogger::Initialize();
-    SResManager::Initialize();
+    Tarvik500::SResManager::Initialize();
     try {
         if (m_pJtcInit == nullptr) {
             try {
@@ -100,10 +100,10 @@ bool SSOImpl::Initialize() {
         }
 
         try {
-            CSmartRefCountPtr<SecContextCache> pCache = new SecContextCache(false);
-            m_pSessionManager = new SessionManager(pCache);
-            m_pContextManager = new ContextManager(pCache);
-            m_pErrorManager = new ErrorManager();
+            CSmartRefCountPtr<SecContextCache> pCache{new SecContextCache(false)};
+            m_pSessionManager = CSmartRefCountPtr<SessionManager>(new SessionManager(pCache));
+            m_pContextManager = CSmartRefCountPtr<ContextManager>(new ContextManager(pCache));
+            m_pErrorManager = CSmartRefCountPtr<ErrorManager>(new ErrorManager());
         } catch (std::bad_alloc&) {
             SASSERT_FAIL("ssoplugin: SSOImpl::Initialize() -- Out of memory intializing components!");
             throw SSOException(STATUS_FAILURE);
@@ -145,7 +145,7 @@ void SSOImpl::Shutdown() {
     if (m_nInitRefcount != 0) {
         return;
     }
-    SResManager::Terminate();
+    Tarvik500::SResManager::Terminate();
     SLogger::Terminate();
     if (m_pContextManager != nullptr) {
         m_pContextManager->StopUpdateThread();
@@ -561,11 +561,6 @@ void SSOImpl::FreeBuffer(void* i_pvBuffer) {
     if (m_nInitRefcount != 0 && m_pSessionManager != nullptr) {
         delete[] static_cast<unsigned char*>(i_pvBuffer);
     }
-}
-
-CSmartRefCountPtr<SecContextCache> SSOImpl::GetContextCacheForTesting() {
-    CSmartReadLocker lock(m_Lock);
-    return m_pSessionManager != nullptr ? m_pSessionManager->GetContextCacheForTesting() : nullptr;
 }
 
 }  // namespace ostrel

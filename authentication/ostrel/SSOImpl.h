@@ -58,11 +58,8 @@ public:
     uint32_t ExternalSSODestroyHandle(CExternalSSO* i_Handle);
     uint32_t ExternalSSOVerifyUser(CExternalSSO* i_Handle, const SWCharString& i_ssToken, ostrel_char** o_ppUserName);
 
-    // Test seam: the live cache, for tests that drive its cleaner.
-    CSmartRefCountPtr<SecContextCache> GetContextCacheForTesting();
-
-    // Set when the object had to tear down at unload; read by SSOTermPackage.
-    static bool s_bImplDestroyed;
+    // Whether the object had to tear down at unload; read by SSOTermPackage.
+    static bool IsImplDestroyed() { return s_bImplDestroyed; }
 
 protected:
     ~SSOImpl() override;
@@ -70,6 +67,9 @@ protected:
 private:
     SSOImpl() = default;
     friend class SSOImplSingleton;
+    friend class TestAccess;
+
+    static bool s_bImplDestroyed;
 
     JTCInitialize* m_pJtcInit = nullptr;
     CRWLock m_Lock;

@@ -66,14 +66,14 @@ uint32_t SSOImpl::ExternalSSOCreateHandle(const ParasSeq* i_pParameters, CExtern
         return fail(MSG_EXTERNAL_PARAMETER_MISSING);
     }
     SWCharString ssSharedSecret;
-    if (!SScrambler::DecryptPasswordDB(ssStoredSecret, ssSharedSecret)) {
+    if (!Tarvik500::SScrambler::DecryptPasswordDB(ssStoredSecret, ssSharedSecret)) {
         STRACE("ostrel: SSOImpl::ExternalSSOCreateHandle: Failed to decrypt the SiteMinder shared secret");
         return fail(MSG_EXTERNAL_SECRET_OR_AGENT);
     }
 
     const auto nLowAccessMode = static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(nAccessMode)));
-    CSmartRefCountPtr<CExternalSSO> pExternal =
-        new CSiteMinderSSO(ssServersAndPorts, ssAgentName, ssSharedSecret, nLowAccessMode);
+    CSmartRefCountPtr<CExternalSSO> pExternal{
+        new CSiteMinderSSO(ssServersAndPorts, ssAgentName, ssSharedSecret, nLowAccessMode)};
     try {
         pExternal->InitializeSSO();
     } catch (SSOException& e) {

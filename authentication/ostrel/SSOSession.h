@@ -33,8 +33,9 @@ public:
 
     SWCharString GetProvider() const { return m_ssProvider; }
     Parameters& GetParameters() { return m_Parameters; }
-
-    uint16_t m_nPass = 0;
+    // Passes the handler has run so far.
+    uint16_t GetPass() const { return m_nPass; }
+    void CountPass() { ++m_nPass; }
 
 protected:
     ~SSOSession() override = default;
@@ -43,6 +44,7 @@ protected:
     Parameters m_Parameters;
 
 private:
+    uint16_t m_nPass = 0;
     const uint64_t m_nId;  // never 0, never another session's, in the process's life
 };
 

@@ -44,9 +44,9 @@ private:
 };
 
 template <class T, class... Args>
-T* NewOrOutOfMemory(Args&&... i_args) {
+CSmartRefCountPtr<T> NewOrOutOfMemory(Args&&... i_args) {
     try {
-        return new T(std::forward<Args>(i_args)...);
+        return CSmartRefCountPtr<T>(new T(std::forward<Args>(i_args)...));
     } catch (std::bad_alloc&) {
         throw SSOException(g_OutOfMemoryException);
     }
@@ -177,7 +177,7 @@ bool SSPIStaticToken::RenegotiateImpl() {
             throw SSOException(STATUS_FAILURE, MSG_IMPERSONATION);
         }
         try {
-            pUserCreds = new KerberosSSPICredentials(ssNone, ssNone, SSOCredentialsClient);
+            pUserCreds = SSOCredentialsPtr(new KerberosSSPICredentials(ssNone, ssNone, SSOCredentialsClient));
         } catch (std::bad_alloc&) {
             pUserCreds = nullptr;
         }

@@ -234,7 +234,8 @@ StaticToken* SecContextCache::FindAt(const Place& i_place, const SWCharString& i
 CSmartRefCountPtr<StaticToken> SecContextCache::TakeAt(const Place& i_place, const SWCharString& i_ssKey) {
     CSmartRefCountPtr<StaticToken> pToken;
     if (i_place.pShard != nullptr) {
-        pToken = i_place.pShard->m_table.Take(i_place.nMixed);  // the table's reference, handed over
+        // The table's reference, handed over.
+        pToken = CSmartRefCountPtr<StaticToken>(i_place.pShard->m_table.Take(i_place.nMixed));
     } else if (m_mapCachedContexts.Lookup(i_ssKey, pToken)) {
         m_mapCachedContexts.RemoveKey(i_ssKey);
     }
@@ -249,7 +250,7 @@ CSmartRefCountPtr<StaticToken> SecContextCache::PutAt(const Place& i_place, cons
     CSmartRefCountPtr<StaticToken> pReplaced;
     try {
         if (i_place.pShard != nullptr) {
-            pReplaced = i_place.pShard->m_table.Put(i_place.nMixed, i_pToken.get());
+            pReplaced = CSmartRefCountPtr<StaticToken>(i_place.pShard->m_table.Put(i_place.nMixed, i_pToken.get()));
             i_pToken->addRef();
         } else {
             m_mapCachedContexts.Lookup(i_ssKey, pReplaced);
@@ -465,13 +466,6 @@ uint64_t SecContextCache::GetCount() { return m_nCount.load(std::memory_order_re
 bool SecContextCache::IsUpdateThreadRunning() {
     CSmartCS guard(m_csUpdateThread);
     return m_hUpdateThread && m_hUpdateThread->isAlive();
-}
-
-void SecContextCache::WakeUpdateThreadForTesting() {
-    CSmartCS guard(m_csUpdateThread);
-    if (m_hUpdateThread) {
-        m_hUpdateThread->awake();
-    }
 }
 
 }  // namespace ostrel

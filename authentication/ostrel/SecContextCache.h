@@ -55,14 +55,13 @@ public:
 
     uint64_t GetCount();
     bool IsUpdateThreadRunning();
-    // Test seam: wakes the cleaner so that its next scan runs now, not in a minute.
-    void WakeUpdateThreadForTesting();
 
 protected:
     ~SecContextCache() override;
 
 private:
     friend class SecContextUpdateThread;
+    friend class TestAccess;
 
     // Keys that are the decimal text of a number live by that number, spread
     // over shards so that look-ups on many threads rarely meet on one lock.

@@ -75,13 +75,12 @@ public:
     static void CopyToExternalBuffer(const void* i_pbSource, void** o_ppbExternalBuffer, size_t i_nLength);
 
     uint64_t GetSessionCount() { return m_SessionCache.GetCount(); }
-    // Test seam: the shared cache, for tests that drive its cleaner.
-    CSmartRefCountPtr<SecContextCache> GetContextCacheForTesting() { return m_pContextCache; }
 
 protected:
     ~SessionManager() override;
 
 private:
+    friend class TestAccess;
     SessionCache m_SessionCache;
     CSmartRefCountPtr<SecContextCache> m_pContextCache;
 };

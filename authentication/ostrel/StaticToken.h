@@ -4,13 +4,13 @@
 #include <atomic>
 #include <cstdint>
 
+#include "FoundationNames.h"
 #include "foundation/DateTime.h"
 #include "foundation/Locks.h"
 #include "foundation/RefCount.h"
 #include "foundation/SString.h"
 
 namespace ostrel {
-using namespace Tarvik500;
 
 class SSOHandler;
 

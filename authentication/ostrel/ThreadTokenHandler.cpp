@@ -138,7 +138,7 @@ ThreadTokenSession::~ThreadTokenSession() {
 CSmartRefCountPtr<StaticToken> ThreadTokenSession::GetStaticToken() {
     CSmartRefCountPtr<StaticToken> pToken;
     try {
-        pToken = new ThreadStaticToken(m_hToken);
+        pToken = CSmartRefCountPtr<StaticToken>(new ThreadStaticToken(m_hToken));
     } catch (std::bad_alloc&) {
         SASSERT_FAIL("ssoplugin: SSPISession::GetStaticToken() -- Out of memory!");
         throw SSOException(g_OutOfMemoryException);

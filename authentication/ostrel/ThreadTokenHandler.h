@@ -34,10 +34,12 @@ public:
     explicit ThreadTokenSession(const ParasSeq* i_pParas);
     CSmartRefCountPtr<StaticToken> GetStaticToken() override;
 
-    HANDLE m_hToken = nullptr;  // owned while not null
-
 protected:
     ~ThreadTokenSession() override;
+
+private:
+    friend class ThreadTokenHandler;
+    HANDLE m_hToken = nullptr;  // owned while not null
 };
 
 class ThreadStaticToken : public StaticToken {

@@ -62,7 +62,7 @@ OSTREL_API unsigned int OSTREL_CALL SSOInitPackage(void) {
 
 OSTREL_API unsigned int OSTREL_CALL SSOTermPackage(void) {
     // A host's late clean-up may come after the object's end; instance() would make a new one.
-    if (SSOImpl::s_bImplDestroyed) {
+    if (SSOImpl::IsImplDestroyed()) {
         return STATUS_OK;
     }
     return RunExport("pImplementation != NULL", "UnInitializePlugin() -- Unexpected Exception!", [](SSOImpl& impl) {

@@ -20,7 +20,7 @@
 #include <set>
 
 #include "authentication/ostrel/SSOImpl.h"
-#include "authentication/ostrel/SecContextCache.h"
+#include "support/TestAccess.h"
 #endif
 
 using namespace std::chrono_literals;
@@ -218,7 +218,7 @@ protected:
     }
     void Wait(Clock::time_point i_until) {  // the cleaner scanning every 20 ms meanwhile
         for (; Clock::now() < i_until; std::this_thread::sleep_for(20ms))
-            ostrel::SSOImpl::instance()->GetContextCacheForTesting()->WakeUpdateThreadForTesting();
+            ostrel::TestAccess::WakeUpdateThread(*ostrel::TestAccess::ContextCache(*ostrel::SSOImpl::instance()));
     }
     bool Traced(const char* i_pText) {  // read whole, fast also under the sanitizers
         std::string trace;

@@ -1,6 +1,6 @@
-# The library exports exactly the names of its version script (ELF, read with nm) or .def file (a DLL, read with
-# objdump), and a DLL imports no DLL outside ALLOWED_IMPORTS (a ','-list, without ".dll"): a runtime DLL left
-# dynamic would stop the plug-in from loading on a machine without mingw.
+# The library exports exactly the names of its version script (ELF, read with nm, which also finds nothing only
+# tests use) or .def file (a DLL, read with objdump), and a DLL imports no DLL outside ALLOWED_IMPORTS (a ','-list,
+# without ".dll"): a runtime DLL left dynamic would stop the plug-in from loading on a machine without mingw.
 cmake_minimum_required(VERSION 3.25)
 file(READ ${EXPECTED} spec)
 if(OBJDUMP)
@@ -18,6 +18,14 @@ else()
   # The version node itself is an absolute symbol (A), not code.
   string(REGEX MATCHALL "[0-9a-fA-F]+ [B-Zb-z] [A-Za-z_][A-Za-z0-9_]*" actual "${listing}")
   string(REGEX REPLACE "[0-9a-fA-F]+ [A-Za-z] " "" actual "${actual}")
+  # Nor does anything only tests use ship: no seam of theirs in either symbol table.
+  foreach(table --debug-syms --dynamic)
+    execute_process(COMMAND nm -C ${table} ${LIBRARY} OUTPUT_VARIABLE symbols RESULT_VARIABLE nmrc)
+    string(REGEX MATCHALL "[^\n]*(ForTesting|TestAccess|CheckAllocationSeam)[^\n]*" seams "${symbols}")
+    if(NOT nmrc EQUAL 0 OR NOT symbols OR seams)
+      message(FATAL_ERROR "test-only symbols in ${LIBRARY} (nm ${table}):\n${seams}")
+    endif()
+  endforeach()
 endif()
 string(REGEX REPLACE "[\n \t]" "" expected "${expected}")
 list(SORT expected)

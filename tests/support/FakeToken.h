@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "authentication/ostrel/HandlerFactory.h"
+#include "support/TestAccess.h"
 #include "authentication/ostrel/SSOException.h"
 #include "authentication/ostrel/StaticToken.h"
 
@@ -61,9 +61,9 @@ public:
         m_ssName += SWCharStringConv::ToString(++s_nNext, 10);
         Register();
     }
-    ~ScopedProvider() { SSOHandlerFactory::instance()->SetHandlerForTesting(m_ssName, nullptr); }
+    ~ScopedProvider() { TestAccess::SetHandler(m_ssName, nullptr); }
     // Again, after a shutdown cleared the factory.
-    void Register() { SSOHandlerFactory::instance()->SetHandlerForTesting(m_ssName, m_pHandler); }
+    void Register() { TestAccess::SetHandler(m_ssName, m_pHandler); }
     ScopedProvider(const ScopedProvider&) = delete;
     ScopedProvider& operator=(const ScopedProvider&) = delete;
     const SWCharString& name() const { return m_ssName; }

@@ -32,7 +32,9 @@ public:
             ++m_h.m_nLiveSessions;
         }
         ~Session() override { --m_h.m_nLiveSessions; }
-        CSmartRefCountPtr<StaticToken> GetStaticToken() override { return new FakeToken(m_h.m_ssName); }
+        CSmartRefCountPtr<StaticToken> GetStaticToken() override {
+            return CSmartRefCountPtr<StaticToken>(new FakeToken(m_h.m_ssName));
+        }
         ScriptedHandler& m_h;
     };
     class Credentials : public SSOCredentials {};
@@ -58,11 +60,11 @@ public:
         return Play("Accept", i_pv, i_n, o_pp, o_pn);
     }
     int AcquireCurrentContext(const Parameters&, SSOSessionPtr) override { return Play("Acquire", nullptr, 0, nullptr, nullptr); }
-    SSOSessionPtr CreateSession(const ParasSeq* i_p) override { return new Session(*this, i_p); }
+    SSOSessionPtr CreateSession(const ParasSeq* i_p) override { return SSOSessionPtr(new Session(*this, i_p)); }
     SSOCredentialsPtr CreateClientCredentials(const SWCharString&, const SWCharString&, int) override {
-        return new Credentials();
+        return SSOCredentialsPtr(new Credentials());
     }
-    SSOCredentialsPtr CreateServerCredentials(int) override { return new Credentials(); }
+    SSOCredentialsPtr CreateServerCredentials(int) override { return SSOCredentialsPtr(new Credentials()); }
     void* AllocateBuffer(size_t i_n) override { return ++m_nBuffersOut, new char[i_n]; }
     void FreeBuffer(void* i_p) override {
         m_nBuffersOut -= i_p != nullptr ? 1 : 0;

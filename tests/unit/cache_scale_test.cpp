@@ -27,7 +27,7 @@ protected:
     void TearDown() override { m_pCache->StopUpdateThread(); }
     // Made an hour ago; its credential ends in i_nEndsInMs, a renewal gives it ten hours.
     SWCharString Add(int64_t i_nEndsInMs, Tokens* o_pTokens = nullptr) {
-        CSmartRefCountPtr<FakeToken> pToken = new FakeToken(m_provider.name());
+        CSmartRefCountPtr<FakeToken> pToken{new FakeToken(m_provider.name())};
         const SDateTime now = SDateTime::GetCurrentDateTime();
         pToken->SetTimes(now + STimeSpan(-kHour), now + STimeSpan(-kHour));
         pToken->m_nCredentialExpiryMs = now.GetMilliseconds() + i_nEndsInMs;
@@ -53,7 +53,7 @@ protected:
         return nRenewed;
     }
     ostrel_test::ScopedFakeProvider m_provider{24 * kHour, 5, true};
-    CSmartRefCountPtr<SecContextCache> m_pCache = new SecContextCache(false);
+    CSmartRefCountPtr<SecContextCache> m_pCache{new SecContextCache(false)};
     JTCHandleT<SecContextUpdateThread> m_hScanner{new SecContextUpdateThread(m_pCache.get())};
 };
 

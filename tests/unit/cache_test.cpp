@@ -39,7 +39,7 @@ protected:
     void TearDown() override { m_pCache->StopUpdateThread(); }
     // Made an hour ago by default, so that a credential near its end is within the renewal threshold.
     TokenPtr NewToken(int64_t i_nCreated = -kHour) {
-        TokenPtr p = new FakeToken(m_provider.name(), true, &m_nDestroyed);
+        TokenPtr p{new FakeToken(m_provider.name(), true, &m_nDestroyed)};
         const SDateTime made = SDateTime::GetCurrentDateTime() + STimeSpan(i_nCreated);
         p->SetTimes(made, made);
         return p;
@@ -66,7 +66,7 @@ protected:
 
     std::atomic<int> m_nDestroyed{0};
     ScopedFakeProvider m_provider{24 * kHour, uint8_t{5}, true};
-    CSmartRefCountPtr<SecContextCache> m_pCache = new SecContextCache(false);
+    CSmartRefCountPtr<SecContextCache> m_pCache{new SecContextCache(false)};
     ostrel_test::TraceCapture m_capture;
 };
 
@@ -93,7 +93,7 @@ TEST_F(Cache, ExpiryByConfigurationAndByTheMechanism) {
         EXPECT_EQ(Traced("StaticToken::ExpiredByConfiguration() -- This token has expired."), row.byConfiguration);
         m_capture.clear();
     }
-    TokenPtr pLost = new FakeToken(SWCharString(OSTREL_T("NO_SUCH_PROVIDER")));
+    TokenPtr pLost{new FakeToken(SWCharString(OSTREL_T("NO_SUCH_PROVIDER")))};
     EXPECT_EQ(Failure([&] { pLost->ExpiredByConfiguration(At(0)); }), std::make_pair(100u, uint32_t{MSG_NO_HANDLER}));
     EXPECT_FALSE(pLost->Renegotiate(At(0)));
     EXPECT_TRUE(m_capture.hasLineEndingWith("ASSERT(0) ssoplugin: StaticToken::Renegotiate() -- Caught an exception!"));
@@ -229,8 +229,8 @@ TEST_F(Cache, ReleaseRemoveAndTheEnd) {
     m_pCache = nullptr;
     EXPECT_TRUE(Traced("SecContextCache::~SecContextCache() -- Shutting down cleanly with 1 cached contexts"));
     EXPECT_EQ(m_nDestroyed, 4);
-    m_pCache = new SecContextCache(false);
-    EXPECT_EQ(Failure([] { CSmartRefCountPtr<ContextManager> p = new ContextManager(nullptr); }),
+    m_pCache = CSmartRefCountPtr<SecContextCache>(new SecContextCache(false));
+    EXPECT_EQ(Failure([] { CSmartRefCountPtr<ContextManager> p{new ContextManager(nullptr)}; }),
               std::make_pair(100u, uint32_t{MSG_DEFAULT}));
     EXPECT_TRUE(m_capture.hasLineEndingWith("ASSERT(m_pContextCache)"));
 }
@@ -287,10 +287,10 @@ TEST_F(Cache, TheCleanerThreadStartsOnceAndStopsAtOnce) {
     pIdle->ExpireIn(-1);
     pBusy->ExpireIn(-1);
     pIdle = nullptr;
-    m_pCache->WakeUpdateThreadForTesting();
+    TestAccess::WakeUpdateThread(*m_pCache);
     ASSERT_TRUE(WaitUntil([&] { return m_nDestroyed == 1; })) << "the woken cleaner did not remove the idle token";
     m_pCache->Revert(ssBusy);
-    m_pCache->WakeUpdateThreadForTesting();
+    TestAccess::WakeUpdateThread(*m_pCache);
     ASSERT_TRUE(WaitUntil([&] { return m_pCache->GetCount() == 0; })) << "nor the reverted one later";
 
     const auto start = std::chrono::steady_clock::now();
@@ -309,7 +309,7 @@ TEST_F(Cache, HostThreadsAndTheCleanerKeepEveryPromise) {
     std::atomic<uint64_t> nLeftValid{0};
     std::thread waker([&] {
         for (int i = 1; !bDone; ++i) {
-            m_pCache->WakeUpdateThreadForTesting();
+            TestAccess::WakeUpdateThread(*m_pCache);
             std::this_thread::sleep_for(std::chrono::microseconds(200));
             (void)(i % 250 == 0 && (m_pCache->StopUpdateThread(), true));  // the next insert starts a fresh one
         }
@@ -335,7 +335,7 @@ TEST_F(Cache, HostThreadsAndTheCleanerKeepEveryPromise) {
     bDone = true;
     waker.join();
     m_pCache->StartUpdateThread();
-    m_pCache->WakeUpdateThreadForTesting();
+    TestAccess::WakeUpdateThread(*m_pCache);
     EXPECT_TRUE(WaitUntil([&] { return m_pCache->GetCount() == nLeftValid; })) << m_pCache->GetCount() << " left, " << nLeftValid << " valid";
     m_pCache->StopUpdateThread();
     m_pCache->ReleaseAll();

@@ -57,7 +57,7 @@ TEST(ErrorRecords, CarryStatusIdAndSubstitutionsAndOutOfMemoryIsStatic) {
 }
 
 TEST(ErrorRecords, EachThreadTakesItsOwnLastRecordOnce) {
-    CSmartRefCountPtr<ErrorManager> pManager = new ErrorManager();
+    CSmartRefCountPtr<ErrorManager> pManager{new ErrorManager()};
     pManager->SetThreadError(SSOException(100, 42254));
     pManager->SetThreadError(SSOException(103, 61775));
     Plugin_Exception_Struct* pOther = OutOfMemoryRecord();
@@ -80,7 +80,7 @@ TEST(ErrorRecords, RecordsNobodyFetchedDieWithTheManager) {
 #if !defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "needs the leak checker (the asan preset)";
 #else
-    CSmartRefCountPtr<ErrorManager> pManager = new ErrorManager();
+    CSmartRefCountPtr<ErrorManager> pManager{new ErrorManager()};
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] { pManager->SetThreadError(WithStrings(100, {OSTREL_T("GSSAPI")})); });

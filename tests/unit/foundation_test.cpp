@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "foundation/Codeset.h"
@@ -20,6 +21,11 @@
 using namespace Tarvik500;
 
 namespace {
+
+// A pointer is adopted only where the code says so: held elsewhere, it would be released twice.
+static_assert(!std::is_convertible_v<CRefCount*, CSmartRefCountPtr<CRefCount>>);
+static_assert(!std::is_assignable_v<CSmartRefCountPtr<CRefCount>&, CRefCount*>);
+static_assert(std::is_constructible_v<CSmartRefCountPtr<CRefCount>, CRefCount*>);
 
 std::string A(const SWCharString& s) { return ToAnsiString(s.c_str()).c_str(); }
 SWCharString W(const std::string& s) { return ToWCharString(s.c_str()); }

@@ -38,7 +38,7 @@ const char* const kAbsent = "<absent>";
 // The stand-in's controls, through a handle of our own on the same file: the loader gives back the one the code holds.
 struct FakeGss {
     FakeGss() {
-        m_lib.LoadLibraryW(ToWCharString(kFake), CSharedLibrary::LM_NOW_LOCAL, true);
+        m_lib.LoadLibraryW(ToWCharString(kFake), Tarvik500::CSharedLibrary::LM_NOW_LOCAL, true);
         Bind(reset, "fake_gss_reset"), Bind(scriptAccept, "fake_gss_script_accept"), Bind(fail, "fake_gss_fail");
         Bind(rendezvous, "fake_gss_set_rendezvous"), Bind(maxConcurrent, "fake_gss_max_concurrent");
         Bind(setHook, "fake_gss_set_hook"), Bind(calls, "fake_gss_calls"), Bind(outstanding, "fake_gss_outstanding");
@@ -55,7 +55,7 @@ struct FakeGss {
         last(text, sizeof text, o_pAsUser != nullptr ? o_pAsUser : &asUser, o_pUsage != nullptr ? o_pUsage : &usage);
         return text;
     }
-    CSharedLibrary m_lib;
+    Tarvik500::CSharedLibrary m_lib;
     void (*reset)(), (*fail)(const char*, OM_uint32, int), (*rendezvous)(int, int), (*setHook)(void (*)(const char*));
     int (*scriptAccept)(OM_uint32, const void*, size_t, const char*), (*maxConcurrent)();
     long (*calls)(const char*), (*outstanding)();
@@ -85,7 +85,7 @@ class Gss : public ::testing::Test {
 protected:
     void TearDown() override { m_fake.reset(); }
     static WrapperPtr Wrapper(const std::string& i_path, bool i_bThreadSafe = false) {
-        return new GSSAPIDllWrapper(ToWCharString(i_path.c_str()), i_bThreadSafe);
+        return WrapperPtr(new GSSAPIDllWrapper(ToWCharString(i_path.c_str()), i_bThreadSafe));
     }
     WrapperPtr Bound(bool i_bThreadSafe = false) {
         WrapperPtr p = Wrapper(kFake, i_bThreadSafe);
@@ -219,7 +219,7 @@ namespace {
 
 class GssHandler : public Gss {
 protected:
-    void SetUp() override { m_pHandler->SetDllForTesting(m_pDll); }
+    void SetUp() override { TestAccess::SetDll(*m_pHandler, m_pDll); }
     void Init() {
         Parameters params;
         params.AddParameter(g_ssKeyServerSpn, SWCharString(OSTREL_T("HTTP/web.example.com")));
@@ -263,7 +263,7 @@ protected:
         return i_params.GetParameter(g_ssKeyGssapiUserName, ss) ? Narrow(ss) : kAbsent;
     }
     WrapperPtr m_pDll = Wrapper(kFake);
-    CSmartRefCountPtr<GSSAPIHandler> m_pHandler = new GSSAPIHandler();
+    CSmartRefCountPtr<GSSAPIHandler> m_pHandler{new GSSAPIHandler()};
 };
 
 }  // namespace
@@ -304,7 +304,7 @@ TEST_F(GssHandler, SettingsBindingAndWhatIsRefused) {
     EXPECT_EQ(StatusOf([&] { m_pHandler->CreateClientCredentials(OSTREL_T("alice"), OSTREL_T("pw"), 1); }), 100u);
     EXPECT_EQ(StatusOf([&] { pSession->GetStaticToken()->Impersonate(); }), 100u);
 
-    m_pHandler->SetDllForTesting(Wrapper(kNine));  // on a library that cannot be bound nothing is made
+    TestAccess::SetDll(*m_pHandler, Wrapper(kNine));  // on a library that cannot be bound nothing is made
     EXPECT_EQ(StatusOf([&] { Init(); }), 100u);
     EXPECT_EQ(StatusOf([&] { m_pHandler->CreateSession(nullptr); }), 100u);
     EXPECT_EQ(StatusOf([&] { m_pHandler->CreateServerCredentials(SSOCredentialsServer); }), 100u);

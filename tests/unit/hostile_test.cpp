@@ -58,7 +58,7 @@ TEST(Hostile, ATokenThatIsNotThereIsRefusedBeforeAnyProviderSeesIt) {
 }
 
 TEST(HostileSessions, IdleOnesGoAndTheirNumberIsBounded) {
-    CSmartRefCountPtr<SSOHandler> pHandler = new ThreadTokenHandler();
+    CSmartRefCountPtr<SSOHandler> pHandler{new ThreadTokenHandler()};
     auto create = [&](SessionCache& io_cache) {
         return SSOSession::SessionIdentifier(io_cache.CreateSession(pHandler, nullptr).get());
     };
@@ -78,14 +78,14 @@ TEST(HostileSessions, IdleOnesGoAndTheirNumberIsBounded) {
 // A stale key must never name a newer login or context, nor tell the next one.
 TEST(HostileKeys, NeverComeBackNorFollowEachOther) {
     ostrel_test::ScopedFakeProvider provider;
-    CSmartRefCountPtr<SSOHandler> pHandler = new ThreadTokenHandler();
+    CSmartRefCountPtr<SSOHandler> pHandler{new ThreadTokenHandler()};
     SessionCache sessions;
-    CSmartRefCountPtr<SecContextCache> pCache = new SecContextCache(false);
+    CSmartRefCountPtr<SecContextCache> pCache{new SecContextCache(false)};
     std::vector<uint64_t> keys;  // a session's and a context's, each gone before the next is made
     for (int i = 0; i < 3; ++i) {
         const SSOSession::SessionIdentifier id(sessions.CreateSession(pHandler, nullptr).get());
         sessions.ReleaseSession(id);
-        CSmartRefCountPtr<StaticToken> pToken = new ostrel_test::FakeToken(provider.name());
+        CSmartRefCountPtr<StaticToken> pToken{new ostrel_test::FakeToken(provider.name())};
         const SWCharString ssKey = pCache->Insert(pToken);
         pCache->Release(ssKey);
         keys.insert(keys.end(), {id.GetId(), std::stoull(ostrel_test::Narrow(ssKey))});
@@ -107,7 +107,7 @@ TEST(HostileDates, ArithmeticSaturatesInsteadOfWrapping) {
     }
     // The largest expiry whose milliseconds still fit: never expired, not expired at once.
     ostrel_test::ScopedFakeProvider provider(9223372036854775LL * 1000);
-    CSmartRefCountPtr<ostrel_test::FakeToken> pToken = new ostrel_test::FakeToken(provider.name());
+    CSmartRefCountPtr<ostrel_test::FakeToken> pToken{new ostrel_test::FakeToken(provider.name())};
     EXPECT_FALSE(pToken->ExpiredByConfiguration(SDateTime::GetCurrentDateTime()));
 }
 
@@ -137,12 +137,12 @@ TEST(Hostile, MemoryRunningOutAnywhereInACaptureLeavesNoContextBehind) {
 }
 
 TEST(HostileLibrary, CredentialsGoQuietlyWhenTheLibraryHasGone) {
-    CSmartRefCountPtr<GSSAPIDllWrapper> pGssDll = new GSSAPIDllWrapper(ToWCharString(OSTREL_FAKE_GSSAPI_PATH), false);
+    CSmartRefCountPtr<GSSAPIDllWrapper> pGssDll{new GSSAPIDllWrapper(ToWCharString(OSTREL_FAKE_GSSAPI_PATH), false)};
     pGssDll->Initialize();
-    CSmartRefCountPtr<GSSAPIServerCredentials> pCredentials =
-        new GSSAPIServerCredentials(SWCharString(OSTREL_T("HTTP/localhost")), SSOCredentialsServer, pGssDll);
+    CSmartRefCountPtr<GSSAPIServerCredentials> pCredentials{
+        new GSSAPIServerCredentials(SWCharString(OSTREL_T("HTTP/localhost")), SSOCredentialsServer, pGssDll)};
     OM_uint32 nMinor = 0;
-    gss_cred_id_t hGiven = pCredentials->m_CredHandle;
+    gss_cred_id_t hGiven = pCredentials->GetCredHandle();
     pGssDll->gss_release_cred(&nMinor, &hGiven);  // given back here, so that nothing leaks
     pGssDll->Uninitialize();
     pCredentials = nullptr;  // their own release goes through the library's gate, which throws now
@@ -186,7 +186,7 @@ TEST(HostileThreads, TheCleanerRunsAsTheProcessWhateverItsStarterImpersonates) {
     }
     platform::linuxport::LinuxTokenApi api;
     TraceCapture capture;
-    CSmartRefCountPtr<SecContextCache> pCache = new SecContextCache(false);
+    CSmartRefCountPtr<SecContextCache> pCache{new SecContextCache(false)};
     std::thread([&] {
         HANDLE hNobody = nullptr;
         ASSERT_TRUE(api.CreateToken({65534, 65534, {65534}}, &hNobody));

@@ -2,10 +2,13 @@
 // the thread token provider with the platform failing on purpose, and the life of the object itself.
 #include <gtest/gtest.h>
 
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "authentication/ostrel/SSOImpl.h"
 #include "support/FailingTokenApi.h"
+#include "support/FakeSecurityApi.h"
 #include "support/ScriptedHandler.h"
 #include "support/TraceCapture.h"
 
@@ -93,7 +96,7 @@ TEST_F(MainRoad, LoginsEndAsTheirHandlerSays) {
     for (const Login& login : logins) {
         SCOPED_TRACE(login.what);
         m_provider->SetCaching(login.caching);
-        const uint64_t nCachedBefore = m_pImpl->GetContextCacheForTesting()->GetCount();
+        const uint64_t nCachedBefore = TestAccess::ContextCache(*m_pImpl)->GetCount();
         SWCharString ssKey;
         for (const Pass& pass : login.passes) {
             SCOPED_TRACE(pass.call);
@@ -130,7 +133,7 @@ TEST_F(MainRoad, LoginsEndAsTheirHandlerSays) {
                 EXPECT_TRUE(ToUInt64(ssOut, nId) && nId != 0) << ostrel_test::Narrow(ssOut);
             } else if (pass.key == kCached) {
                 EXPECT_EQ(m_pImpl->LookupSecurityContext(ssOut), 0u) << ostrel_test::Narrow(ssOut);
-                EXPECT_EQ(m_pImpl->GetContextCacheForTesting()->GetCount(), nCachedBefore + 1);
+                EXPECT_EQ(TestAccess::ContextCache(*m_pImpl)->GetCount(), nCachedBefore + 1);
             } else if (pass.call != 'C') {
                 EXPECT_EQ(ostrel_test::Narrow(ssOut), pass.key != nullptr ? pass.key : "");
             }
@@ -148,7 +151,7 @@ TEST_F(MainRoad, LoginsEndAsTheirHandlerSays) {
             EXPECT_EQ(error.second, rc >= 100 ? uint32_t{MSG_DEFAULT} : 0u);
         }
         if (login.caching && login.passes.back().key != kCached) {
-            EXPECT_EQ(m_pImpl->GetContextCacheForTesting()->GetCount(), nCachedBefore);
+            EXPECT_EQ(TestAccess::ContextCache(*m_pImpl)->GetCount(), nCachedBefore);
         }
         EXPECT_EQ(m_provider->m_nLiveSessions, login.pending);
         EXPECT_EQ(m_provider->m_nBuffersOut, 0);
@@ -212,7 +215,7 @@ TEST_F(MainRoad, ThreadTokenFailuresOfThePlatform) {
 
 TEST_F(MainRoad, ExpiredThreadTokensLeaveTheCacheEvenWhileImpersonated) {
     ASSERT_EQ(InitThreadTokens(SSO_KEY_CTXT_CACHE_EXPIRY, SSO_PARAM_LONG, OSTREL_T("1")), 0u);
-    CSmartRefCountPtr<SecContextCache> pCache = m_pImpl->GetContextCacheForTesting();
+    CSmartRefCountPtr<SecContextCache> pCache = TestAccess::ContextCache(*m_pImpl);
     SWCharString ssIdle;
     SWCharString ssBusy;
     ASSERT_EQ(Capture(ssIdle), 0u);
@@ -224,7 +227,7 @@ TEST_F(MainRoad, ExpiredThreadTokensLeaveTheCacheEvenWhileImpersonated) {
         << "a one-second limit not applied within 20 s";
     EXPECT_EQ(pCache->GetCount(), 2u) << "a look-up never removes anything";
     // Thread tokens count no impersonations, so the scan takes both.
-    pCache->WakeUpdateThreadForTesting();
+    TestAccess::WakeUpdateThread(*pCache);
     EXPECT_TRUE(ostrel_test::WaitUntil([&] { return pCache->GetCount() == 0; })) << "the woken cleaner left them";
     EXPECT_EQ(m_pImpl->Revert(ssBusy), 100u);
     EXPECT_EQ(TakeError(), std::make_pair(100u, uint32_t{MSG_TOKEN_NOT_FOUND}));
@@ -238,7 +241,7 @@ TEST_F(MainRoad, TheCleanerStartsAsConfigured) {
         bool running;  // right after SSOInitProvider
     } rows[] = {{0, nullptr, true}, {SSO_PARAM_BOOL, OSTREL_T("0"), false}, {SSO_PARAM_LONG, OSTREL_T("0"), true}};
     for (const auto& row : rows) {
-        CSmartRefCountPtr<SecContextCache> pCache = m_pImpl->GetContextCacheForTesting();
+        CSmartRefCountPtr<SecContextCache> pCache = TestAccess::ContextCache(*m_pImpl);
         EXPECT_FALSE(pCache->IsUpdateThreadRunning());
         EXPECT_EQ(InitThreadTokens(row.value != nullptr ? WP_SI_CACHE_SECCONTEXT_W : nullptr, row.type, row.value), 0u);
         EXPECT_EQ(pCache->IsUpdateThreadRunning(), row.running) << row.type;
@@ -257,7 +260,7 @@ TEST_F(MainRoad, ShutdownCountsAndRestartsFromDefaults) {
     EXPECT_EQ(expiry(), 1000) << "the limit is given in seconds";
     ASSERT_TRUE(m_pImpl->Initialize());
     m_pImpl->Shutdown();
-    EXPECT_NE(m_pImpl->GetContextCacheForTesting(), nullptr) << "one user is still in";
+    EXPECT_NE(TestAccess::ContextCache(*m_pImpl), nullptr) << "one user is still in";
     m_pImpl->Shutdown();
     m_pImpl->Shutdown();  // one more than Initialize: reported, harmless
     EXPECT_EQ(m_capture.count("ssoplugin: SSOImpl::Shutdown() -- Called more times than Initialize()!"), 1u);
@@ -271,10 +274,18 @@ TEST_F(MainRoad, ShutdownCountsAndRestartsFromDefaults) {
     EXPECT_EQ(expiry(), 86400000) << "a new start, and no limit given: the default again";
     // A handler that cannot be allocated is the shared out-of-memory record; the next try builds it.
     SSOHandlerFactory::instance()->ClearHandlers();
-    SSOHandlerFactory::FailNextHandlerAllocationsForTesting(1);
-    EXPECT_EQ(InitThreadTokens(), 106u);
+    struct : ostrel_test::FakeSecurityApi {  // memory runs out once, while the package is looked up
+        bool bFailed = false;
+        SECURITY_STATUS QuerySecurityPackageInfoW(LPWSTR p, PSecPkgInfoW* pp) override {
+            if (!std::exchange(bFailed, true)) throw std::bad_alloc();
+            return FakeSecurityApi::QuerySecurityPackageInfoW(p, pp);
+        }
+    } noMemory;
+    const platform::ScopedOverride<platform::ISecurityApi> fake(noMemory);
+    EXPECT_EQ(m_pImpl->InitSSOProvider(g_ssProviderSSPI, nullptr), 106u);
     EXPECT_EQ(TakeError(), std::make_pair(106u, uint32_t{MSG_OUT_OF_MEMORY_RECORD}));
-    EXPECT_EQ(InitThreadTokens(), 0u);
+    EXPECT_EQ(m_pImpl->InitSSOProvider(g_ssProviderSSPI, nullptr), 0u);
     EXPECT_EQ(SSOHandlerFactory::instance()->GetHandler(g_ssProviderThreadToken).get(),
               SSOHandlerFactory::instance()->GetHandler(g_ssProviderThreadToken).get());
+    SSOHandlerFactory::instance()->ClearHandlers();  // the one built on the fake goes with it
 }

@@ -63,9 +63,9 @@ std::string Try(F&& f) {
 
 class Sspi : public ::testing::Test {
 protected:
-    void SetUp() override { SSOHandlerFactory::instance()->SetHandlerForTesting(g_ssProviderSSPI, handler); }
+    void SetUp() override { TestAccess::SetHandler(g_ssProviderSSPI, handler); }
     void TearDown() override {
-        SSOHandlerFactory::instance()->SetHandlerForTesting(g_ssProviderSSPI, nullptr);
+        TestAccess::SetHandler(g_ssProviderSSPI, nullptr);
         EXPECT_TRUE(handler->nLive + fake.nBadCloses == 0 && fake.credentials.empty() && fake.contexts.empty());
     }
     SSOSessionPtr Session(bool i_bSpn = true) { return handler->CreateSession(i_bSpn ? &spn : nullptr); }
@@ -163,7 +163,7 @@ TEST_F(Sspi, SettingsAndTheHandlerItself) {
                       std::to_string(handler->IsCachingOn()) + " " + std::to_string(handler->GetRenewalsAllowed()),
                   expected);
     }
-    SSOHandlerFactory::instance()->SetHandlerForTesting(g_ssProviderSSPI, nullptr);
+    TestAccess::SetHandler(g_ssProviderSSPI, nullptr);
     fake.query = {{SEC_E_SECPKG_NOT_FOUND}};  // no handler then; each description is freed, the fixture's too
     auto make = [&] { return SSOHandlerFactory::instance()->GetHandler(g_ssProviderSSPI), fake.nInfoFrees; };
     const std::string ssFirst = Try(make);
