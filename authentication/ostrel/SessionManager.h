@@ -34,7 +34,7 @@ public:
     uint64_t GetCount();
 
 private:
-    friend class SessionCacheTestAccess;
+    friend class TestAccess;
     using Queue = std::list<SSOSession::SessionIdentifier>;
     struct Entry {
         explicit Entry(SSOSessionPtr i_pSession) : pSession(std::move(i_pSession)) {}

@@ -28,16 +28,6 @@ extern "C" void* malloc(size_t i_nBytes) {
 }
 #endif
 
-namespace ostrel {
-class SessionCacheTestAccess {
-public:
-    static void Limit(SessionCache& io_cache, int64_t i_nMaxIdleMs, size_t i_nMaxSessions) {
-        io_cache.m_nMaxIdleMs = i_nMaxIdleMs;
-        io_cache.m_nMaxSessions = i_nMaxSessions;
-    }
-};
-}  // namespace ostrel
-
 using namespace ostrel;
 using ostrel_test::TraceCapture;
 using ostrel_test::WaitUntil;
@@ -63,8 +53,8 @@ TEST(HostileSessions, IdleOnesGoAndTheirNumberIsBounded) {
         return SSOSession::SessionIdentifier(io_cache.CreateSession(pHandler, nullptr).get());
     };
     SessionCache idle, full;
-    SessionCacheTestAccess::Limit(idle, -1, SessionCache::s_nMaxSessions);  // idle at once
-    SessionCacheTestAccess::Limit(full, SessionCache::s_nMaxIdleMs, 1);
+    TestAccess::Limit(idle, -1, SessionCache::s_nMaxSessions);  // idle at once
+    TestAccess::Limit(full, SessionCache::s_nMaxIdleMs, 1);
     const SSOSession::SessionIdentifier first = create(idle);
     EXPECT_NE(idle.GetSession(create(idle)), nullptr);
     EXPECT_EQ(idle.GetSession(first), nullptr) << "an idle login outlived its age";
