@@ -139,7 +139,7 @@ TEST_F(Gss, EachCallReachesItsOwnEntryPointOnlyWhileBound) {
         }
         for (auto& [entry, call] : ten) {
             const long before = m_fake.calls(entry.c_str()), total = m_fake.calls(nullptr);
-            EXPECT_EQ(StatusOf([&] { call(); }), bBound ? 0u : 100u) << entry;
+            EXPECT_EQ(StatusOf([&call = call] { call(); }), bBound ? 0u : 100u) << entry;
             EXPECT_EQ(m_fake.calls(entry.c_str()), before + (bBound ? 1 : 0)) << entry;
             EXPECT_EQ(m_fake.calls(nullptr), total + (bBound ? 1 : 0)) << entry;
         }
@@ -200,7 +200,7 @@ TEST_F(Gss, CredentialsAreForTheSpnAsAUserNameWithTheUsageOfTheirType) {
     m_fake.reset();  // what they cannot use is refused before any call
     const std::pair<int, WrapperPtr> unusable[] = {{3, pDll}, {0, Wrapper(kFake)}, {0, WrapperPtr()}};
     for (auto [type, pWrapper] : unusable) {
-        EXPECT_EQ(StatusOf([&] { CredsPtr p(new GSSAPIServerCredentials(OSTREL_T("HTTP/x"), type, pWrapper)); }), 100u);
+        EXPECT_EQ(StatusOf([type = type, pWrapper = pWrapper] { CredsPtr p(new GSSAPIServerCredentials(OSTREL_T("HTTP/x"), type, pWrapper)); }), 100u);
     }
     EXPECT_EQ(m_fake.calls(nullptr), 0);
 

@@ -141,7 +141,7 @@ TEST_F(Sspi, UserNamesAndCredentialUses) {
     };
     for (const auto& [name, type, expected, calls] : rows) {
         fake.calls.clear();
-        EXPECT_EQ(Try([&] { return handler->CreateClientCredentials(name, OSTREL_T("pw"), type), 0; }), expected);
+        EXPECT_EQ(Try([&, &name = name, type = type] { return handler->CreateClientCredentials(name, OSTREL_T("pw"), type), 0; }), expected);
         EXPECT_EQ(fake.calls, calls);
     }
 }
