@@ -4,12 +4,19 @@
 //
 // Latency benchmarks time every operation on its own as well and report the
 // median and 99th percentile as counters (p50_ns, p99_ns).
+//
+//   bench_cache [--threads=N] [benchmark flags]
+//
+// Look-ups and impersonations run on one thread and on N (default 2), so that
+// the scaling shows on a machine with more cores.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -146,7 +153,6 @@ void BM_Lookup(benchmark::State& state) {
         }
     });
 }
-BENCHMARK(BM_Lookup)->ArgName("contexts")->Arg(1000)->Arg(1000000)->Threads(1)->Threads(2)->UseRealTime();
 
 void BM_ImpersonateRevert(benchmark::State& state) {
     RunKeyed(state, [](SecContextCache& io_cache, const SWCharString& i_ssKey) {
@@ -154,7 +160,6 @@ void BM_ImpersonateRevert(benchmark::State& state) {
         io_cache.Revert(i_ssKey);
     });
 }
-BENCHMARK(BM_ImpersonateRevert)->ArgName("contexts")->Arg(1000)->Arg(1000000)->Threads(1)->Threads(2)->UseRealTime();
 
 // Fresh tokens in batches, made outside the timing; the cache grows as it goes.
 void BM_Insert(benchmark::State& state) {
@@ -313,3 +318,32 @@ void BM_MemoryPerContext(benchmark::State& state) {
 BENCHMARK(BM_MemoryPerContext)->ArgName("contexts")->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    int nThreads = 2;
+    std::vector<char*> rest;
+    for (int i = 0; i < argc; ++i) {
+        if (std::strncmp(argv[i], "--threads=", 10) == 0) {
+            nThreads = std::max(1, std::atoi(argv[i] + 10));
+        } else {
+            rest.push_back(argv[i]);
+        }
+    }
+    for (auto [pName, pFunction] : {std::pair{"BM_Lookup", &BM_Lookup}, {"BM_ImpersonateRevert", &BM_ImpersonateRevert}}) {
+        benchmark::RegisterBenchmark(pName, pFunction)
+            ->ArgName("contexts")
+            ->Arg(1000)
+            ->Arg(1000000)
+            ->Threads(1)
+            ->Threads(nThreads)
+            ->UseRealTime();
+    }
+    int nRest = static_cast<int>(rest.size());
+    benchmark::Initialize(&nRest, rest.data());
+    if (benchmark::ReportUnrecognizedArguments(nRest, rest.data())) {
+        return 2;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

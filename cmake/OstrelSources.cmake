@@ -10,11 +10,10 @@ set(OSTREL_FOUNDATION_SOURCES
   foundation/${OSTREL_PLATFORM_DIR}/LocalTime.cpp
   foundation/${OSTREL_PLATFORM_DIR}/SharedLibrary.cpp
 )
-if(WIN32)
-  list(APPEND OSTREL_FOUNDATION_SOURCES foundation/win32/RWLock.cpp)
-endif()
+list(APPEND OSTREL_FOUNDATION_SOURCES foundation/${OSTREL_PLATFORM_DIR}/RWLock.cpp)
 
 set(OSTREL_LOGIC_SOURCES
+  authentication/ostrel/ContextTable.cpp
   authentication/ostrel/ErrorManager.cpp
   authentication/ostrel/ExternalSSO.cpp
   authentication/ostrel/GSSAPICredentials.cpp
@@ -25,6 +24,7 @@ set(OSTREL_LOGIC_SOURCES
   authentication/ostrel/KerberosSSPIHandler.cpp
   authentication/ostrel/KerberosSSPILogonInfo.cpp
   authentication/ostrel/SSPIStaticToken.cpp
+  authentication/ostrel/Keys.cpp
   authentication/ostrel/SSOSession.cpp
   authentication/ostrel/SessionManager.cpp
   authentication/ostrel/ThreadTokenHandler.cpp

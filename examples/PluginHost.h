@@ -8,6 +8,8 @@
 
 #include <climits>
 #include <cstddef>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -54,6 +56,10 @@ public:
         resolve(SSOGetError, "SSOGetError");
         resolve(SSOFreeError, "SSOFreeError");
         resolve(SSOGetMessageContent, "SSOGetMessageContent");
+        resolve(SSOStartLogin, "SSOStartLogin");
+        resolve(SSOContinueLogin, "SSOContinueLogin");
+        resolve(SSOLookupSecurityContext, "SSOLookupSecurityContext");
+        resolve(SSOReleaseSecurityContext, "SSOReleaseSecurityContext");
         return bAll;
     }
 
@@ -67,6 +73,10 @@ public:
     decltype(&::SSOGetError) SSOGetError = nullptr;
     decltype(&::SSOFreeError) SSOFreeError = nullptr;
     decltype(&::SSOGetMessageContent) SSOGetMessageContent = nullptr;
+    decltype(&::SSOStartLogin) SSOStartLogin = nullptr;
+    decltype(&::SSOContinueLogin) SSOContinueLogin = nullptr;
+    decltype(&::SSOLookupSecurityContext) SSOLookupSecurityContext = nullptr;
+    decltype(&::SSOReleaseSecurityContext) SSOReleaseSecurityContext = nullptr;
 
 private:
     void* m_pHandle = nullptr;
@@ -165,6 +175,22 @@ inline std::string FindParameter(const ParasSeq* i_pList, const std::u16string& 
     return {};
 }
 
+// A password file of "user password" lines, as the test realm writes it.
+inline bool PasswordOf(const std::string& i_file, const std::string& i_user, std::string& o_password) {
+    std::ifstream in(i_file);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string user;
+        std::string password;
+        if (fields >> user >> password && user == i_user) {
+            o_password = password;
+            return true;
+        }
+    }
+    return false;
+}
+
 // Where this executable lives: the plug-in and the other examples sit next to it.
 inline std::string ExecutableDir() {
     std::vector<char> path(PATH_MAX + 1);
@@ -247,18 +273,21 @@ struct AcceptPass {
     Bytes reply;
     std::u16string key;
     std::string userName;
-    std::string error;  // the error record in words, for a failure
+    std::string sid;        // "SSPI": the user's SID
+    std::string groupSids;  // "SSPI": the groups' SIDs, joined by ";"
+    std::string error;      // the error record in words, for a failure
 };
 
-// One SSOAcceptLogin with the provider "GSSAPI"; everything the plug-in hands out
-// goes back to it here. No token is the closing call.
-inline AcceptPass Accept(Plugin& io_plugin, const std::u16string& i_key, const Bytes* i_pToken) {
+// One SSOAcceptLogin; everything the plug-in hands out goes back to it here. No
+// token is the closing call.
+inline AcceptPass Accept(Plugin& io_plugin, const std::u16string& i_key, const Bytes* i_pToken,
+                         const char16_t* i_pProvider = SSO_PROVIDER_GSSAPI) {
     AcceptPass pass;
     void* pReply = nullptr;
     size_t nReply = 0;
     ParasSeq* pParameters = nullptr;
     ostrel_char* pKey = nullptr;
-    pass.status = io_plugin.SSOAcceptLogin(i_key.c_str(), SSO_PROVIDER_GSSAPI,
+    pass.status = io_plugin.SSOAcceptLogin(i_key.c_str(), i_pProvider,
                                            i_pToken != nullptr ? i_pToken->data() : nullptr,
                                            i_pToken != nullptr ? i_pToken->size() : 0, &pReply, &nReply, &pParameters,
                                            &pKey);
@@ -274,6 +303,8 @@ inline AcceptPass Accept(Plugin& io_plugin, const std::u16string& i_key, const B
         io_plugin.SSOFreeString(pKey);
     }
     pass.userName = FindParameter(pParameters, SSO_KEY_GSSAPI_USER_NAME);
+    pass.sid = FindParameter(pParameters, SSO_KEY_SSPI_USER_SID);
+    pass.groupSids = FindParameter(pParameters, SSO_KEY_SSPI_USER_GROUP_SIDS);
     io_plugin.SSOFreeParameters(pParameters);
     return pass;
 }

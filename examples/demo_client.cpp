@@ -10,9 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +18,7 @@
 
 using ostrel_example::Base64Decode;
 using ostrel_example::Base64Encode;
+using ostrel_example::PasswordOf;
 
 namespace {
 
@@ -51,22 +50,6 @@ std::string GssMessage(OM_uint32 i_nMajor, OM_uint32 i_nMinor) {
 int Fail(const std::string& i_why) {
     Send("FAIL " + i_why);
     return 1;
-}
-
-// The realm's password file: "user password" lines.
-bool PasswordOf(const std::string& i_file, const std::string& i_user, std::string& o_password) {
-    std::ifstream in(i_file);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        std::string user;
-        std::string password;
-        if (fields >> user >> password && user == i_user) {
-            o_password = password;
-            return true;
-        }
-    }
-    return false;
 }
 
 class GssClient {

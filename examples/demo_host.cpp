@@ -138,13 +138,82 @@ void Report(const AcceptPass& i_pass) {
     }
 }
 
+// The provider "SSPI" at both ends in this one process: a password login of a principal named
+// after a local account (so that it has SIDs), accepted with its logon information, and the
+// finished context found in the plug-in's cache by its session ID.
+bool SspiRound(Plugin& io_plugin, const std::string& i_principal, const std::string& i_password,
+               const std::string& i_service) {
+    std::printf("\n");
+    Host("SSPI round: this process is now the client too, through the provider \"SSPI\"");
+    const std::u16string spn = FromAscii(i_service);
+    ParasSeq spnParameter{const_cast<ostrel_char*>(WP_SI_SERVER_SSPI_SPN_W), SSO_PARAM_STRING, 0,
+                          const_cast<ostrel_char*>(spn.c_str()), nullptr};
+    unsigned int status = io_plugin.SSOInitProvider(SSO_PROVIDER_SSPI, &spnParameter);
+    Host("SSOInitProvider(\"SSPI\", SI_SERVER_SSPI_SPN=" + i_service + ") -> " + StatusText(status));
+    if (status != SSO_STATUS_OK) {
+        Detail("error record: " + DescribeError(io_plugin, status));
+        return false;
+    }
+
+    ostrel_char* pClientKey = nullptr;
+    void* pToken = nullptr;
+    size_t nToken = 0;
+    status = io_plugin.SSOStartLogin(FromAscii(i_principal).c_str(), FromAscii(i_password).c_str(), SSO_PROVIDER_SSPI,
+                                     &spnParameter, &pClientKey, &pToken, &nToken);
+    Host("client: SSOStartLogin(\"" + i_principal + "\", its password, \"SSPI\") -> " + StatusText(status));
+    if (status != SSO_STATUS_CONTINUE) {
+        Detail("error record: " + DescribeError(io_plugin, status));
+        return false;
+    }
+    const Bytes token(static_cast<unsigned char*>(pToken), static_cast<unsigned char*>(pToken) + nToken);
+    const std::u16string clientKey = pClientKey;
+    io_plugin.SSOFreeBuffer(pToken);
+    io_plugin.SSOFreeString(pClientKey);
+    Detail("   a token of " + std::to_string(token.size()) + " bytes for the server");
+
+    Host("server: SSOAcceptLogin(no session key, that token, asking for logon information)");
+    AcceptPass pass = Accept(io_plugin, u"", &token, SSO_PROVIDER_SSPI);
+    Report(pass);
+    if (pass.status != SSO_STATUS_CONTINUE) {
+        return false;
+    }
+    void* pLast = nullptr;
+    size_t nLast = 0;
+    status = io_plugin.SSOContinueLogin(clientKey.c_str(), pass.reply.data(), pass.reply.size(), &pLast, &nLast);
+    io_plugin.SSOFreeBuffer(pLast);
+    Host("client: SSOContinueLogin(its session key, the server's reply of " + std::to_string(pass.reply.size()) +
+         " bytes) -> " + StatusText(status) + ": the server is who it claims");
+    if (status != SSO_STATUS_OK) {
+        Detail("error record: " + DescribeError(io_plugin, status));
+        return false;
+    }
+    Host("server: SSOAcceptLogin(its session key, no token)");
+    pass = Accept(io_plugin, pass.key, nullptr, SSO_PROVIDER_SSPI);
+    Report(pass);
+    if (pass.status != SSO_STATUS_SERVER_DONE) {
+        return false;
+    }
+    Detail("   session ID: " + ToUtf8(pass.key.c_str()) + " (the finished context, kept in the plug-in's cache)");
+    Detail("   SSPI_USER_SID: " + pass.sid);
+    Detail("   SSPI_USER_GROUP_SIDS: " + pass.groupSids);
+    status = io_plugin.SSOLookupSecurityContext(pass.key.c_str());
+    Host("SSOLookupSecurityContext(the session ID) -> " + StatusText(status) +
+         (status == SSO_STATUS_OK ? ": cached and valid" : ""));
+    const unsigned int released = io_plugin.SSOReleaseSecurityContext(pass.key.c_str());
+    Host("SSOReleaseSecurityContext(the session ID) -> " + StatusText(released));
+    return status == SSO_STATUS_OK && released == SSO_STATUS_OK && !pass.sid.empty();
+}
+
 int Usage(const char* i_pProgram) {
     std::fprintf(stderr,
-                 "usage: %s [--plugin LIB] [--client PROGRAM] [--service SPN] USER PASSWORD-FILE\n"
+                 "usage: %s [--plugin LIB] [--client PROGRAM] [--service SPN] [--sspi-user NAME@REALM]\n"
+                 "          USER PASSWORD-FILE\n"
                  "  Runs one Kerberos login of USER (password from PASSWORD-FILE, \"user password\" lines)\n"
                  "  against service SPN (default HTTP/localhost), accepted by the plug-in LIB\n"
                  "  (default: libostrel.so next to this program). The realm comes from KRB5_CONFIG,\n"
-                 "  the service's key from KRB5_KTNAME.\n",
+                 "  the service's key from KRB5_KTNAME. With --sspi-user, then a login of NAME (a\n"
+                 "  principal named after a local account, its password in PASSWORD-FILE too) through\n"
+                 "  the provider \"SSPI\", both ends in this process.\n",
                  i_pProgram);
     return 2;
 }
@@ -155,11 +224,13 @@ int main(int argc, char** argv) {
     std::string pluginPath = ExecutableDir() + "/libostrel.so";
     std::string clientPath = ExecutableDir() + "/demo_client";
     std::string service = "HTTP/localhost";
+    std::string sspiUser;
     std::vector<std::string> positional;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if ((arg == "--plugin" || arg == "--client" || arg == "--service") && i + 1 < argc) {
-            (arg == "--plugin" ? pluginPath : arg == "--client" ? clientPath : service) = argv[++i];
+        if ((arg == "--plugin" || arg == "--client" || arg == "--service" || arg == "--sspi-user") && i + 1 < argc) {
+            (arg == "--plugin" ? pluginPath : arg == "--client" ? clientPath : arg == "--service" ? service : sspiUser) =
+                argv[++i];
         } else if (arg.rfind("--", 0) == 0) {
             return Usage(argv[0]);
         } else {
@@ -264,6 +335,15 @@ int main(int argc, char** argv) {
         bLoggedIn = client.Finish() && bLoggedIn;
     }
 
+    std::string sspiPassword;
+    bool bSspi = sspiUser.empty();
+    if (!bSspi && !PasswordOf(positional[1], sspiUser.substr(0, sspiUser.find('@')), sspiPassword)) {
+        Host("no password for " + sspiUser + " in " + positional[1]);
+    } else if (!bSspi) {
+        bSspi = SspiRound(plugin, sspiUser, sspiPassword, service);
+    }
+
+    std::printf("\n");
     status = plugin.SSOTermPackage();
     Host("SSOTermPackage -> " + StatusText(status));
     std::printf("\n");
@@ -272,5 +352,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::printf("%s logged in; the plug-in named the user %s.\n", user.c_str(), userName.c_str());
-    return 0;
+    if (!sspiUser.empty()) {
+        std::printf(bSspi ? "%s logged in through \"SSPI\"; the plug-in gave its SIDs and kept its context.\n"
+                          : "The \"SSPI\" login of %s failed.\n",
+                    sspiUser.c_str());
+    }
+    return bSspi ? 0 : 1;
 }

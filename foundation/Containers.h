@@ -59,6 +59,12 @@ public:
                 m_it = m_pStore->begin();
             }
         }
+        // Forwards from the first key above i_after, whether or not i_after is there.
+        static Iterator After(const SIMap& i_map, const K& i_after) {
+            Iterator itr(i_map);
+            itr.m_it = itr.m_pStore->upper_bound(i_after);
+            return itr;
+        }
         bool isAtEnd() const { return m_it == m_pStore->end(); }
         Iterator& operator++() {
             if (m_bBackwards) {

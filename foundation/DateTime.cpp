@@ -1,5 +1,6 @@
 #include "DateTime.h"
 
+#include <cstdint>
 #include <chrono>
 #include <ctime>
 
@@ -111,6 +112,27 @@ SDateTime::SDateTime(short i_nYear, unsigned char i_nMonth, unsigned char i_nDay
 SDateTime SDateTime::GetCurrentDateTime() {
     using namespace std::chrono;
     return FromMilliseconds(duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count());
+}
+
+namespace {
+int64_t Saturate(bool i_bOverflow, int64_t i_nResult, int64_t i_nTowards) {
+    if (!i_bOverflow) {
+        return i_nResult;
+    }
+    return i_nTowards < 0 ? INT64_MIN : INT64_MAX;
+}
+}  // namespace
+
+SDateTime SDateTime::operator+(const STimeSpan& i_span) const {
+    int64_t nSum = 0;
+    const bool bOverflow = __builtin_add_overflow(m_nMs, i_span.GetMilliseconds(), &nSum);
+    return FromMilliseconds(Saturate(bOverflow, nSum, i_span.GetMilliseconds()));
+}
+
+STimeSpan SDateTime::operator-(const SDateTime& i_other) const {
+    int64_t nDifference = 0;
+    const bool bOverflow = __builtin_sub_overflow(m_nMs, i_other.m_nMs, &nDifference);
+    return STimeSpan(Saturate(bOverflow, nDifference, m_nMs));
 }
 
 SDateTime SDateTime::FromMilliseconds(int64_t i_nSinceEpoch) {

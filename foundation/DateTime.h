@@ -1,6 +1,7 @@
 // Dates, times and spans in milliseconds.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace Tarvik500 {
@@ -19,6 +20,20 @@ public:
 
 private:
     int64_t m_nMilliseconds = 0;
+};
+
+// A span that readers take without a lock; writers keep their own order.
+class SAtomicTimeSpan {
+public:
+    explicit SAtomicTimeSpan(int64_t i_nMilliseconds) : m_nMilliseconds(i_nMilliseconds) {}
+    SAtomicTimeSpan& operator=(const STimeSpan& i_span) {
+        m_nMilliseconds.store(i_span.GetMilliseconds(), std::memory_order_release);
+        return *this;
+    }
+    STimeSpan load() const { return STimeSpan(m_nMilliseconds.load(std::memory_order_acquire)); }
+
+private:
+    std::atomic<int64_t> m_nMilliseconds;
 };
 
 class STimeZone {
@@ -58,8 +73,9 @@ public:
     bool operator<(const SDateTime& o) const { return m_nMs < o.m_nMs; }
     bool operator>(const SDateTime& o) const { return m_nMs > o.m_nMs; }
     bool operator==(const SDateTime& o) const { return m_nMs == o.m_nMs; }
-    SDateTime operator+(const STimeSpan& i_span) const { return FromMilliseconds(m_nMs + i_span.GetMilliseconds()); }
-    STimeSpan operator-(const SDateTime& i_other) const { return STimeSpan(m_nMs - i_other.m_nMs); }
+    // Both saturate at the ends of the 64-bit range rather than wrap.
+    SDateTime operator+(const STimeSpan& i_span) const;
+    STimeSpan operator-(const SDateTime& i_other) const;
 
     int64_t GetTimeT(const STimeZone& i_zone) const;
     int64_t GetMilliseconds() const { return m_nMs; }

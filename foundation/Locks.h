@@ -1,10 +1,9 @@
 // Readers-writer lock with its scope guards, and a re-entrant lock.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <mutex>
-#if !defined(_WIN32)
-#include <pthread.h>
-#endif
 
 namespace Tarvik500 {
 
@@ -25,27 +24,51 @@ public:
 private:
     void* m_pSlim = nullptr;  // an SRWLOCK: one pointer, zero when free
 #else
-    // A waiting writer goes first, as with Windows' lock: readers that keep
-    // coming (verifications on one handle, logins) must not hold it off for ever.
-    CRWLock() {
-        pthread_rwlockattr_t attr;
-        pthread_rwlockattr_init(&attr);
-#if defined(__GLIBC__)
-        pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
-#endif
-        pthread_rwlock_init(&m_lock, &attr);
-        pthread_rwlockattr_destroy(&attr);
-    }
-    ~CRWLock() { pthread_rwlock_destroy(&m_lock); }
+    // Writers first: a waiting writer keeps new readers out, so that a steady
+    // stream of readers cannot starve it. One word; the slow paths sleep on it.
+    CRWLock() = default;
     CRWLock(const CRWLock&) = delete;
     CRWLock& operator=(const CRWLock&) = delete;
-    void lockRead() { pthread_rwlock_rdlock(&m_lock); }
-    void unlockRead() { pthread_rwlock_unlock(&m_lock); }
-    void lockWrite() { pthread_rwlock_wrlock(&m_lock); }
-    void unlockWrite() { pthread_rwlock_unlock(&m_lock); }
+    void lockRead() {
+        uint32_t s = m_state.load(std::memory_order_relaxed);
+        if ((s & (kWriter | kWaitingWriters)) != 0 || (s & kReaders) == kReaders ||
+            !m_state.compare_exchange_weak(s, s + 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+            lockReadSlow();
+        }
+    }
+    void unlockRead() {
+        const uint32_t s = m_state.fetch_sub(1, std::memory_order_release);
+        // The last reader out lets a sleeping writer in.
+        if ((s & kReaders) == 1 && (s & kSleepers) != 0) {
+            wakeAll();
+        }
+    }
+    void lockWrite() {
+        uint32_t s = 0;
+        if (!m_state.compare_exchange_strong(s, kWriter, std::memory_order_acquire, std::memory_order_relaxed)) {
+            lockWriteSlow();
+        }
+    }
+    void unlockWrite() {
+        if ((m_state.fetch_and(~(kWriter | kSleepers), std::memory_order_release) & kSleepers) != 0) {
+            m_state.notify_all();
+        }
+    }
 
 private:
-    pthread_rwlock_t m_lock;
+    static constexpr uint32_t kReaders = 0x7FFFu;           // readers inside
+    static constexpr uint32_t kOneWaitingWriter = 0x8000u;  // writers waiting, counted
+    static constexpr uint32_t kWaitingWriters = 0x3FFF8000u;
+    static constexpr uint32_t kSleepers = 0x40000000u;  // someone may sleep on the word
+    static constexpr uint32_t kWriter = 0x80000000u;    // a writer inside
+
+    void lockReadSlow();
+    void lockWriteSlow();
+    void wakeAll();
+    // Marks the word as slept on and sleeps while it keeps the value s.
+    void sleepOn(uint32_t s);
+
+    std::atomic<uint32_t> m_state{0};
 #endif
 };
 

@@ -86,6 +86,11 @@ bool JTCThread::join(long i_nMilliseconds) {
     return true;
 }
 
+bool JTCThread::isCurrent() const {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_bStarted && m_thread.get_id() == std::this_thread::get_id();
+}
+
 bool JTCThread::isAlive() const {
     std::lock_guard<std::mutex> guard(m_mutex);
     return m_bStarted && !m_bDone;

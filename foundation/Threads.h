@@ -107,6 +107,8 @@ public:
     // Waits at most i_nMilliseconds for run() to end; true when it has.
     bool join(long i_nMilliseconds);
     bool isAlive() const;
+    // Whether the caller is this thread itself, which can never wait for its own end.
+    bool isCurrent() const;
 
 protected:
     virtual void run() = 0;

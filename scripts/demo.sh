@@ -59,7 +59,12 @@ step "Starting a throwaway Kerberos realm on 127.0.0.1 (tests/realm/realm.sh)"
 quietly "$WORK/realm.log" tests/realm/realm.sh start "$REALM" --watch $$
 # shellcheck disable=SC1091
 . "$REALM/env.sh"
-echo "   realm $OSTREL_REALM, KDC on 127.0.0.1:$OSTREL_KDC_PORT, users $OSTREL_USER1 and $OSTREL_USER2"
+# The "SSPI" round logs in a principal named after a local account, which gives it SIDs.
+LOCAL_USER=nobody
+quietly "$WORK/principal.log" tests/realm/realm.sh exec "$REALM" kadmin.local -q "addprinc -pw Ostrel-demo-pw $LOCAL_USER"
+printf '%s Ostrel-demo-pw\n' "$LOCAL_USER" >>"$REALM/passwords"
+echo "   realm $OSTREL_REALM, KDC on 127.0.0.1:$OSTREL_KDC_PORT, users $OSTREL_USER1, $OSTREL_USER2 and $LOCAL_USER"
 echo
 
-"$BUILD/demo_host" --plugin "$BUILD/libostrel.so" --service "$OSTREL_SPN" "$OSTREL_USER1" "$REALM/passwords"
+"$BUILD/demo_host" --plugin "$BUILD/libostrel.so" --service "$OSTREL_SPN" --sspi-user "$LOCAL_USER@$OSTREL_REALM" \
+  "$OSTREL_USER1" "$REALM/passwords"

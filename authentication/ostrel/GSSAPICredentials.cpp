@@ -27,6 +27,19 @@ void ReleaseName(GSSAPIDllWrapper& i_gssDll, gss_name_t& io_Name) {
     io_Name = nullptr;
 }
 
+// The gate can throw; a destructor must not.
+void ReleaseInDestructor(CSmartRefCountPtr<GSSAPIDllWrapper>& io_pGssDll, gss_cred_id_t& io_CredHandle,
+                         const char* i_pAssertion) {
+    if (io_pGssDll != nullptr) {
+        try {
+            ReleaseCred(*io_pGssDll, io_CredHandle);
+        } catch (...) {
+            SASSERT_FAIL(i_pAssertion);
+        }
+    }
+    io_pGssDll = nullptr;
+}
+
 const char* AcquireFailureText(OM_uint32 i_nMajor) {
     switch (i_nMajor) {
         case GSSAPIDllWrapper::GSS_S_BAD_MECH:
@@ -55,10 +68,8 @@ GSSAPIClientCredentials::GSSAPIClientCredentials(const SWCharString& /*i_ssUsern
 }
 
 GSSAPIClientCredentials::~GSSAPIClientCredentials() {
-    if (m_pGssDll != nullptr) {
-        ReleaseCred(*m_pGssDll, m_CredHandle);
-    }
-    m_pGssDll = nullptr;
+    ReleaseInDestructor(m_pGssDll, m_CredHandle,
+                        "ssoplugin: GSSAPIClientCredentials::~GSSAPIClientCredentials() -- Caught an exception!");
 }
 
 GSSAPIServerCredentials::GSSAPIServerCredentials(const SWCharString& i_ssServerName, int i_nType,
@@ -119,10 +130,8 @@ void GSSAPIServerCredentials::Acquire(int i_nType) {
 }
 
 GSSAPIServerCredentials::~GSSAPIServerCredentials() {
-    if (m_pGssDll != nullptr) {
-        ReleaseCred(*m_pGssDll, m_CredHandle);
-    }
-    m_pGssDll = nullptr;
+    ReleaseInDestructor(m_pGssDll, m_CredHandle,
+                        "ssoplugin: GSSAPIServerCredentials::~GSSAPIServerCredentials() -- Caught an exception!");
 }
 
 }  // namespace ostrel

@@ -23,9 +23,9 @@ bool SSOHandler::IsCachingOn() {
     return m_bCaching;
 }
 
-STimeSpan SSOHandler::GetCacheExpiry() {
+SSOHandler::RenewalSettings SSOHandler::GetRenewalSettings() {
     CSmartReadLocker lock(m_HandlerLock);
-    return m_tsCacheExpiry;
+    return RenewalSettings{m_tsCacheExpiry.load(), m_nThresholdPercentage, m_bRenewalsAllowed};
 }
 
 uint8_t SSOHandler::GetThresholdPercentage() {

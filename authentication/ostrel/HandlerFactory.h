@@ -58,9 +58,18 @@ public:
     virtual void FreeBuffer(void* i_pvBuffer) = 0;
 
     bool IsCachingOn();
-    STimeSpan GetCacheExpiry();
+    // Read without the lock: every look-up of a cached context needs it.
+    STimeSpan GetCacheExpiry() const { return m_tsCacheExpiry.load(); }
     uint8_t GetThresholdPercentage();
     bool GetRenewalsAllowed();
+
+    // What a renewal decides by, read together so that one InitHandler is seen whole.
+    struct RenewalSettings {
+        STimeSpan tsCacheExpiry;
+        uint8_t nThresholdPercentage;
+        bool bRenewalsAllowed;
+    };
+    RenewalSettings GetRenewalSettings();
 
 protected:
     SSOHandler(bool i_bCaching, int64_t i_nCacheExpiryMs, uint8_t i_nThresholdPercentage, bool i_bRenewalsAllowed)
@@ -71,7 +80,7 @@ protected:
     ~SSOHandler() override = default;
 
     bool m_bCaching;
-    STimeSpan m_tsCacheExpiry;  // 0: configuration sets no limit
+    SAtomicTimeSpan m_tsCacheExpiry;  // 0: configuration sets no limit; written under m_HandlerLock
     uint8_t m_nThresholdPercentage;
     bool m_bRenewalsAllowed;
     CRWLock m_HandlerLock;

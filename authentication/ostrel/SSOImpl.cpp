@@ -6,16 +6,21 @@
 
 #include "foundation/ResManager.h"
 #include "foundation/Trace.h"
+#include "ostrel_platform/ITokenApi.h"
 
 namespace ostrel {
 
 bool SSOImpl::s_bImplDestroyed = false;
 
 // The process-wide pointer and the critical section that guards its creation.
-// Built after the logger so that the object's last trace still finds it.
+// Built after the logger and the token port, so that the object's last trace
+// still finds the one and its cleaner, stopped as it goes, the other.
 class SSOImplSingleton {
 public:
-    SSOImplSingleton() { (void)ShouldAssert(); }
+    SSOImplSingleton() {
+        (void)ShouldAssert();
+        (void)platform::Tokens();
+    }
     ~SSOImplSingleton() {
         m_cs.enter();
         CSmartRefCountPtr<SSOImpl> pLast = std::move(m_pSingleton);
@@ -435,9 +440,15 @@ uint32_t SSOImpl::AcceptLogin(const SWCharString& i_ssSessionKey, const SWCharSt
         *o_ppvBuffer = nullptr;
         *o_ppSessionKey = nullptr;
         *o_pnBufferLength = 0;
+        // No provider is handed an address that cannot be read.
+        if (i_pvBuffer == nullptr && i_nBufferLength != 0) {
+            STRACE("ssoplugin: SSOImpl::AcceptLogin() -- Bad parameters!");
+            throw SSOException(STATUS_FAILURE);
+        }
+        SWCharString ssKey;
+        uint32_t nStatus = 0;
         try {
-            SWCharString ssKey;
-            const uint32_t nStatus =
+            nStatus =
                 m_pSessionManager->GenerateServerContext(i_ssProvider, i_ssSessionKey, i_pvBuffer, i_nBufferLength,
                                                          o_ppvBuffer, o_pnBufferLength, bGetLogonInfo, params, ssKey);
             if (!ssKey.isEmpty()) {
@@ -448,6 +459,10 @@ uint32_t SSOImpl::AcceptLogin(const SWCharString& i_ssSessionKey, const SWCharSt
             }
             return nStatus;
         } catch (...) {
+            // A finished login the host never hears of leaves no context behind.
+            if (nStatus == STATUS_SERVER_DONE && m_pContextManager != nullptr) {
+                m_pContextManager->Release(ssKey);
+            }
             ClearLoginOutputs(*this, o_ppvBuffer, o_pnBufferLength, o_ppSessionKey);
             throw;
         }
@@ -529,7 +544,15 @@ uint32_t SSOImpl::AcquireCurrentSecurityContext(const SWCharString& i_ssProvider
         if (ssSessionID.isEmpty()) {
             throw SSOException(STATUS_FAILURE);
         }
-        *o_ppSessionID = DuplicateForHost(ssSessionID);
+        try {
+            *o_ppSessionID = DuplicateForHost(ssSessionID);
+        } catch (...) {
+            // The host never gets the key: nothing may stay cached under it.
+            if (m_pContextManager != nullptr) {
+                m_pContextManager->Release(ssSessionID);
+            }
+            throw;
+        }
         return nStatus;
     });
 }

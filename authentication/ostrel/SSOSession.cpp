@@ -1,11 +1,13 @@
 #include "SSOSession.h"
 
+#include "Keys.h"
 #include "SSOException.h"
 #include "foundation/Trace.h"
 
 namespace ostrel {
 
-SSOSession::SSOSession(const ParasSeq* i_pParas) : m_ssProvider(OSTREL_T("Undefined")), m_Parameters(i_pParas) {}
+SSOSession::SSOSession(const ParasSeq* i_pParas)
+    : m_ssProvider(OSTREL_T("Undefined")), m_Parameters(i_pParas), m_nId(NewKey()) {}
 
 SSOSession::SessionIdentifier::SessionIdentifier(const SWCharString& i_ssKey) {
     uint64_t nValue = 0;

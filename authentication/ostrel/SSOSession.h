@@ -12,11 +12,10 @@ class StaticToken;
 
 class SSOSession : public CRefCount {
 public:
-    // The decimal text of a session's address; the empty text is 0, no session.
+    // The decimal text of a session's own number; the empty text is 0, no session.
     class SessionIdentifier {
     public:
-        explicit SessionIdentifier(const SSOSession* i_pSession)
-            : m_nId(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(i_pSession))) {}
+        explicit SessionIdentifier(const SSOSession* i_pSession) : m_nId(i_pSession->m_nId) {}
         explicit SessionIdentifier(const SWCharString& i_ssKey);
         bool operator<(const SessionIdentifier& i_other) const { return m_nId < i_other.m_nId; }
         SWCharString ToString() const;
@@ -42,6 +41,9 @@ protected:
 
     SWCharString m_ssProvider;
     Parameters m_Parameters;
+
+private:
+    const uint64_t m_nId;  // never 0, never another session's, in the process's life
 };
 
 using SSOSessionPtr = CSmartRefCountPtr<SSOSession>;

@@ -1,5 +1,6 @@
 #include "SessionManager.h"
 
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -48,22 +49,49 @@ void DropToken(SSOHandler& i_handler, void*& io_pvToken, void** o_ppvBuffer, siz
 
 SessionCache::~SessionCache() {
     STRACE("ssoplugin: SessionCache::~SessionCache() -- Shutting down with %1 partially formed sessions in cache.",
-           static_cast<unsigned long long>(m_Sessions.GetCount()));
-    m_Sessions.RemoveAll();
+           static_cast<unsigned long long>(m_Sessions.size()));
+    m_Sessions.clear();
+}
+
+int64_t SessionCache::NowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 SSOSessionPtr SessionCache::GetSession(const SSOSession::SessionIdentifier& i_Key) {
     CSmartReadLocker lock(m_SessionLock);
-    SSOSessionPtr pSession;
-    if (!m_Sessions.Lookup(i_Key, pSession)) {
+    auto it = m_Sessions.find(i_Key);
+    if (it == m_Sessions.end()) {
         STRACE("ssoplugin: SessionCache::GetSession() -- No session found for key");
         return nullptr;
     }
-    if (pSession == nullptr) {
+    if (it->second.pSession == nullptr) {
         SASSERT_MSG(false, "pSession", "ssoplugin: SessionCache::GetSession() -- Key is valid, but found a NULL session!");
         throw SSOException(STATUS_FAILURE);
     }
-    return pSession;
+    it->second.nLastUseMs.store(NowMs(), std::memory_order_relaxed);
+    return it->second.pSession;
+}
+
+void SessionCache::SweepIdle(int64_t i_nNowMs) {
+    while (!m_Queue.empty()) {
+        auto it = m_Sessions.find(m_Queue.front());
+        Entry& entry = it->second;
+        if (i_nNowMs - entry.nQueuedMs <= m_nMaxIdleMs) {
+            return;  // the rest joined the queue later still
+        }
+        if (i_nNowMs - entry.nLastUseMs.load(std::memory_order_relaxed) <= m_nMaxIdleMs) {
+            // Used since it joined: once more to the back.
+            m_Queue.splice(m_Queue.end(), m_Queue, entry.itQueued);
+            entry.nQueuedMs = i_nNowMs;
+            continue;
+        }
+        STRACE("ssoplugin: SessionCache::CreateSession() -- Releasing a partially formed session idle for over %1 ms.",
+               static_cast<long long>(m_nMaxIdleMs));
+        m_Queue.pop_front();
+        m_Sessions.erase(it);
+    }
 }
 
 SSOSessionPtr SessionCache::CreateSession(CSmartRefCountPtr<SSOHandler> i_pHandler, const ParasSeq* i_pParas) {
@@ -79,12 +107,28 @@ SSOSessionPtr SessionCache::CreateSession(CSmartRefCountPtr<SSOHandler> i_pHandl
         throw SSOException(STATUS_FAILURE);
     }
     const SSOSession::SessionIdentifier id(pSession.get());
+    const int64_t nNowMs = NowMs();
     CSmartWriteLocker lock(m_SessionLock);
-    if (m_Sessions.Find(id) != nullptr) {
+    SweepIdle(nNowMs);
+    if (m_Sessions.size() >= m_nMaxSessions) {
+        STRACE("ssoplugin: SessionCache::CreateSession() -- %1 partially formed sessions in cache; refusing a new "
+               "login.",
+               static_cast<unsigned long long>(m_Sessions.size()));
+        throw SSOException(STATUS_FAILURE);
+    }
+    if (m_Sessions.find(id) != m_Sessions.end()) {
         SASSERT_FAIL("ssoplugin: SessionCache::CreateSession() -- Session Key already in use!");
         throw SSOException(STATUS_FAILURE);
     }
-    m_Sessions.SetAt(id, pSession);
+    Entry& entry = m_Sessions.try_emplace(id, pSession).first->second;
+    try {
+        entry.itQueued = m_Queue.insert(m_Queue.end(), id);
+    } catch (...) {
+        m_Sessions.erase(id);
+        throw;
+    }
+    entry.nQueuedMs = nNowMs;
+    entry.nLastUseMs.store(nNowMs, std::memory_order_relaxed);
     return pSession;
 }
 
@@ -92,24 +136,24 @@ void SessionCache::ReleaseSession(const SSOSession::SessionIdentifier& i_Key) {
     // The session may die here; let that happen outside the lock.
     SSOSessionPtr pSession;
     CSmartWriteLocker lock(m_SessionLock);
-    if (!m_Sessions.Lookup(i_Key, pSession)) {
+    auto it = m_Sessions.find(i_Key);
+    if (it == m_Sessions.end()) {
         STRACE("ssoplugin: SessionCache::ReleaseSession() -- No session found for key");
         return;
     }
+    pSession = it->second.pSession;
     if (pSession == nullptr) {
         SASSERT_MSG(false, "pSession",
                     "ssoplugin: SessionCache::ReleaseSession() -- Key is valid but found a NULL session!");
         throw SSOException(STATUS_FAILURE);
     }
-    if (!m_Sessions.RemoveKey(i_Key)) {
-        SASSERT_FAIL("ssoplugin: SessionCache::RemoveKey() -- Key exists, but could not remove it!");
-        throw SSOException(STATUS_FAILURE);
-    }
+    m_Queue.erase(it->second.itQueued);
+    m_Sessions.erase(it);
 }
 
 uint64_t SessionCache::GetCount() {
     CSmartReadLocker lock(m_SessionLock);
-    return m_Sessions.GetCount();
+    return m_Sessions.size();
 }
 
 // ---- SessionManager ----

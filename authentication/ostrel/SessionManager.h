@@ -1,7 +1,10 @@
 // Logins under way between their passes, and the driver of a pass.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <list>
+#include <map>
 
 #include "HandlerFactory.h"
 #include "SSOSession.h"
@@ -9,8 +12,14 @@
 
 namespace ostrel {
 
+// A login whose host goes quiet for longer than the idle age is released, and
+// past the limit no new login starts: a client that sends one token and goes
+// away must not be able to fill the process.
 class SessionCache {
 public:
+    static constexpr int64_t s_nMaxIdleMs = 5 * 60 * 1000;
+    static constexpr size_t s_nMaxSessions = 100000;
+
     SessionCache() = default;
     ~SessionCache();
     SessionCache(const SessionCache&) = delete;
@@ -25,8 +34,25 @@ public:
     uint64_t GetCount();
 
 private:
+    friend class SessionCacheTestAccess;
+    using Queue = std::list<SSOSession::SessionIdentifier>;
+    struct Entry {
+        explicit Entry(SSOSessionPtr i_pSession) : pSession(std::move(i_pSession)) {}
+        SSOSessionPtr pSession;
+        Queue::iterator itQueued;
+        int64_t nQueuedMs = 0;                // when it last joined the back of the queue
+        std::atomic<int64_t> nLastUseMs{0};  // set under the read lock by GetSession
+    };
+
+    static int64_t NowMs();
+    // Releases what has been idle too long, oldest first; under the write lock.
+    void SweepIdle(int64_t i_nNowMs);
+
     CRWLock m_SessionLock;
-    SIMap<SSOSession::SessionIdentifier, CSmartRefCountPtr<SSOSession>> m_Sessions;
+    std::map<SSOSession::SessionIdentifier, Entry> m_Sessions;
+    Queue m_Queue;  // in order of nQueuedMs
+    int64_t m_nMaxIdleMs = s_nMaxIdleMs;
+    size_t m_nMaxSessions = s_nMaxSessions;
 };
 
 class SessionManager : public CRefCount {

@@ -1,20 +1,41 @@
 #include "StaticToken.h"
 
 #include "HandlerFactory.h"
+#include "Keys.h"
 #include "SSOException.h"
 #include "foundation/Trace.h"
 
 namespace ostrel {
 
-StaticToken::StaticToken() : m_dtCreated(SDateTime::GetCurrentDateTime()), m_dtRenewed(m_dtCreated) {}
+StaticToken::StaticToken()
+    : m_dtCreated(SDateTime::GetCurrentDateTime()), m_dtRenewed(m_dtCreated), m_nKey(NewKey()) {}
+
+StaticToken::~StaticToken() {
+    if (SSOHandler* pHandler = m_pHandler.load(std::memory_order_acquire)) {
+        pHandler->release();
+    }
+}
+
+SSOHandler& StaticToken::Handler() {
+    SSOHandler* pHandler = m_pHandler.load(std::memory_order_acquire);
+    if (pHandler != nullptr) {
+        return *pHandler;
+    }
+    CSmartRefCountPtr<SSOHandler> pFound = SSOHandlerFactory::instance()->GetHandler(m_ssProvider);
+    if (pFound == nullptr) {
+        throw SSOException(STATUS_FAILURE);
+    }
+    SSOHandler* pExpected = nullptr;
+    if (m_pHandler.compare_exchange_strong(pExpected, pFound.get(), std::memory_order_acq_rel)) {
+        pFound->addRef();
+        return *pFound;
+    }
+    return *pExpected;
+}
 
 bool StaticToken::ExpiredByConfiguration(const SDateTime& i_now) {
     // m_dtCreated never changes, so no token lock is needed.
-    STimeSpan tsExpiry;
-    {
-        CSmartRefCountPtr<SSOHandler> pHandler = SSOHandlerFactory::instance()->GetHandler(m_ssProvider);
-        tsExpiry = pHandler->GetCacheExpiry();
-    }
+    const STimeSpan tsExpiry = Handler().GetCacheExpiry();
     if (tsExpiry.GetMilliseconds() == 0) {
         return false;
     }
@@ -27,11 +48,11 @@ bool StaticToken::ExpiredByConfiguration(const SDateTime& i_now) {
 
 bool StaticToken::Renegotiate(const SDateTime& i_now) {
     try {
-        CSmartRefCountPtr<SSOHandler> pHandler = SSOHandlerFactory::instance()->GetHandler(m_ssProvider);
-        if (!pHandler->GetRenewalsAllowed()) {
+        const SSOHandler::RenewalSettings settings = Handler().GetRenewalSettings();
+        if (!settings.bRenewalsAllowed) {
             return false;
         }
-        const STimeSpan tsSpan = pHandler->GetCacheExpiry();
+        const STimeSpan tsSpan = settings.tsCacheExpiry;
         if (tsSpan.GetMilliseconds() == 0) {
             return false;
         }
@@ -45,7 +66,7 @@ bool StaticToken::Renegotiate(const SDateTime& i_now) {
             return false;
         }
 
-        int nThresholdPercentage = pHandler->GetThresholdPercentage();
+        int nThresholdPercentage = settings.nThresholdPercentage;
         SASSERT(nThresholdPercentage < 100 && nThresholdPercentage > 0,
                 "nThresholdPercentage < 100 && nThresholdPercentage > 0");
         if (!(nThresholdPercentage < 100 && nThresholdPercentage > 0)) {

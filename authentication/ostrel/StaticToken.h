@@ -1,6 +1,7 @@
 // A finished security context: what the context cache keeps.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "foundation/DateTime.h"
@@ -10,6 +11,8 @@
 
 namespace ostrel {
 using namespace Tarvik500;
+
+class SSOHandler;
 
 class StaticToken : public CRefCount {
 public:
@@ -32,10 +35,15 @@ public:
 
     const SWCharString& GetProvider() const { return m_ssProvider; }
     SDateTime GetCreated() const { return m_dtCreated; }
+    // The number of the key the cache gives this token: the same on every insert.
+    uint64_t GetKey() const { return m_nKey; }
+    // The provider's handler, found by name once and kept, so that the expiry
+    // test takes no process-wide lock. Throws as the factory does.
+    SSOHandler& Handler();
 
 protected:
     StaticToken();
-    ~StaticToken() override = default;
+    ~StaticToken() override;
 
     SWCharString m_ssProvider;
     SDateTime m_dtCreated;
@@ -43,6 +51,9 @@ protected:
     uint16_t m_nImpersonations = 0;
     CRWLock m_Lock;
 
+private:
+    const uint64_t m_nKey;
+    std::atomic<SSOHandler*> m_pHandler{nullptr};  // holds a reference once set
 };
 
 }  // namespace ostrel

@@ -14,11 +14,6 @@
 
 namespace ostrel::platform {
 
-ITokenApi& detail::PortTokenApi() {
-    static linuxport::LinuxTokenApi s_api;
-    return s_api;
-}
-
 namespace linuxport {
 
 namespace {
@@ -92,6 +87,15 @@ struct ThreadState {
 };
 
 thread_local ThreadState t_state;
+// The first use of t_state on a thread registers its destructor, under the
+// loader's lock; a thread that never used it leaves it alone, so that a thread
+// stopped while its library unloads does not wait for that lock.
+thread_local bool t_bStateUsed = false;
+
+ThreadState& State() {
+    t_bStateUsed = true;
+    return t_state;
+}
 
 // While the main thread impersonates, /proc shows its borrowed identity, not the process's.
 struct MainThreadRecord {
@@ -177,6 +181,28 @@ int UndoSwitch(ThreadState& io_state) {
     return 0;
 }
 
+// A thread that starts during a switched impersonation carries that user's
+// credentials; back to the process's. Switching never touches the real ids, so
+// a thread whose ids and groups are what the process had at load has nothing to drop.
+int DropInherited() {
+    KernelCredentials own;
+    if (int e = ReadThreadCredentials(own)) {
+        return e;
+    }
+    if (SameIdentity(own.Effective(), Identity{own.m_nRealUid, own.m_nRealGid, IdentityAtLoad().m_arrGroups})) {
+        return 0;
+    }
+    const Identity process = ProcessIdentity();
+    if (SameIdentity(own.Effective(), process)) {
+        return 0;
+    }
+    KernelCredentials target = own;
+    target.m_nEffectiveUid = process.m_nUid;
+    target.m_nEffectiveGid = process.m_nGid;
+    target.m_arrGroups = process.m_arrGroups;
+    return RestoreThread(target);
+}
+
 constexpr BYTE kSubAuthorities = 2;
 constexpr size_t kUnixSidBytes = 8 + 4 * kSubAuthorities;
 
@@ -218,7 +244,7 @@ BOOL LinuxTokenApi::OpenThreadToken(HANDLE ThreadHandle, DWORD DesiredAccess, BO
         return FailWith(ERROR_INVALID_HANDLE);
     }
     try {
-        const ThreadState& state = t_state;
+        const ThreadState& state = State();
         if (state.m_bImpersonating) {
             return NewToken(state.m_token, DesiredAccess, TokenImpersonation, TokenHandle);
         }
@@ -263,7 +289,9 @@ bool LinuxTokenApi::SwitchesKernelCredentials() const {
     return m_eMode == ImpersonationMode::Automatic && ThreadMaySwitchUsers();
 }
 
-std::shared_ptr<const ImpersonationAttachment> LinuxTokenApi::CurrentAttachment() { return t_state.m_pAttachment; }
+std::shared_ptr<const ImpersonationAttachment> LinuxTokenApi::CurrentAttachment() {
+    return t_bStateUsed ? t_state.m_pAttachment : nullptr;
+}
 
 BOOL LinuxTokenApi::ImpersonateWith(HANDLE hToken, std::shared_ptr<const ImpersonationAttachment> i_pAttachment) {
     const std::shared_ptr<const Token> pToken = LiveTokens().Find(hToken);
@@ -275,7 +303,7 @@ BOOL LinuxTokenApi::ImpersonateWith(HANDLE hToken, std::shared_ptr<const Imperso
     if ((pToken->m_dwAccess & dwNeeded) != dwNeeded) {
         return FailWith(ERROR_ACCESS_DENIED);
     }
-    ThreadState& state = t_state;
+    ThreadState& state = State();
     try {
         Identity target = pToken->m_identity;
         // From the thread's own credentials, so that the original is captured afresh.
@@ -313,14 +341,24 @@ BOOL LinuxTokenApi::ImpersonateWith(HANDLE hToken, std::shared_ptr<const Imperso
 }
 
 BOOL LinuxTokenApi::RevertToSelf() {
-    ThreadState& state = t_state;
-    if (int e = UndoSwitch(state)) {
-        return FailWith(ErrorFromErrno(e));
+    if (t_bStateUsed) {
+        ThreadState& state = t_state;
+        if (int e = UndoSwitch(state)) {
+            return FailWith(ErrorFromErrno(e));
+        }
+        state.m_bImpersonating = false;
+        state.m_token = Identity{};
+        // Last: letting go may run another port's clean-up.
+        state.m_pAttachment.reset();
     }
-    state.m_bImpersonating = false;
-    state.m_token = Identity{};
-    // Last: letting go may run another port's clean-up.
-    state.m_pAttachment.reset();
+    try {
+        // Ids the thread gave up for good were its own choice, not an inheritance of ours.
+        if (int e = DropInherited(); e != 0 && e != EPERM) {
+            return FailWith(ErrorFromErrno(e));
+        }
+    } catch (const std::bad_alloc&) {
+        return FailWith(ERROR_NOT_ENOUGH_MEMORY);
+    }
     return TRUE;
 }
 
@@ -437,4 +475,15 @@ BOOL LinuxTokenApi::CloseHandle(HANDLE hObject) {
 }
 
 }  // namespace linuxport
+
+// What the port reads is made before it, so that it outlives the port: whoever
+// makes the port early (the plug-in's object does, for a cleaner that may still
+// be stopping while the library unloads) keeps both alive that long.
+ITokenApi& detail::PortTokenApi() {
+    static const bool s_bIdentityFirst = (linuxport::IdentityAtLoad(), true);
+    static linuxport::LinuxTokenApi s_api;
+    (void)s_bIdentityFirst;
+    return s_api;
+}
+
 }  // namespace ostrel::platform

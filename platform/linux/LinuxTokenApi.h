@@ -67,6 +67,8 @@ public:
     // Impersonating while impersonating replaces the first; if a switch fails
     // the thread is left as itself, impersonating nobody.
     BOOL ImpersonateLoggedOnUser(HANDLE hToken) override { return ImpersonateWith(hToken, nullptr); }
+    // Also drops credentials the thread took from its creator: afterwards it runs
+    // as the process, as a Windows thread does after RevertToSelf.
     BOOL RevertToSelf() override;
     // TokenUser and TokenGroups (the primary group first, then the others).
     BOOL GetTokenInformation(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass, LPVOID TokenInformation,

@@ -129,13 +129,18 @@ public:
             case Renewal::Fail: return false;
             case Renewal::ThrowSSOException: throw SSOException(STATUS_FAILURE);
             case Renewal::ThrowOther: throw std::runtime_error("renegotiation fell over");
-            default: return true;
+            default:
+                if (m_nRenewedLifetimeMs.load() > 0) {
+                    m_nCredentialExpiryMs = SDateTime::GetCurrentDateTime().GetMilliseconds() + m_nRenewedLifetimeMs.load();
+                }
+                return true;
         }
     }
     STimeSpan GetRemainingLifetime(const SDateTime& i_now) override { return Until(i_now.GetMilliseconds()); }
     STimeSpan GetLifetime() override { return Until(m_dtRenewed.GetMilliseconds()); }
 
     std::atomic<int64_t> m_nCredentialExpiryMs{kNever};  // milliseconds since 1970
+    std::atomic<int64_t> m_nRenewedLifetimeMs{0};        // a successful renewal's new credential, if above 0
     std::atomic<Renewal> m_eRenewal{Renewal::Succeed};
     std::atomic<bool> m_bExpiredThrows{false};
     std::atomic<bool> m_bImpersonateFails{false};

@@ -150,7 +150,7 @@ TEST_F(Cache, RenewalOnlyWithinTheThresholdAndTheSettings) {
 TEST_F(Cache, KeysReferencesAndLookups) {
     TokenPtr pToken = NewToken();
     const SWCharString ssKey = Insert(pToken);
-    EXPECT_EQ(Narrow(ssKey), std::to_string(reinterpret_cast<uintptr_t>(pToken.get())));
+    EXPECT_EQ(Narrow(ssKey), std::to_string(pToken->GetKey()));
     EXPECT_TRUE(Insert(pToken) == ssKey);  // once in, however often inserted
     EXPECT_EQ(m_capture.count("SecContextCache::Insert() -- 1 contexts now in cache."), 2u);
     EXPECT_FALSE(Insert(NewToken()) == ssKey);
