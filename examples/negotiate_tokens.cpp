@@ -4,6 +4,7 @@
 //   negotiate_tokens spnego SERVICE          what curl and browsers send
 //   negotiate_tokens krb5 SERVICE            a bare Kerberos token, mutual authentication
 //   negotiate_tokens krb5-one-way SERVICE    a bare Kerberos token, no reply expected
+//   negotiate_tokens krb5-delegate SERVICE   a bare Kerberos token that hands over the caller's ticket
 //   negotiate_tokens two-step SERVICE        two tokens of one SPNEGO login that takes two
 //                                            round trips: an opening without a mechanism
 //                                            token, then the Kerberos token
@@ -72,7 +73,7 @@ Bytes FirstToken(const std::string& i_service, gss_OID i_mech, OM_uint32 i_flags
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        std::fprintf(stderr, "usage: %s spnego|krb5|krb5-one-way|two-step SERVICE\n", argv[0]);
+        std::fprintf(stderr, "usage: %s spnego|krb5|krb5-one-way|krb5-delegate|two-step SERVICE\n", argv[0]);
         return 2;
     }
     const std::string mode = argv[1];
@@ -85,6 +86,8 @@ int main(int argc, char** argv) {
         token = FirstToken(service, krb5, GSS_C_MUTUAL_FLAG);
     } else if (mode == "krb5-one-way") {
         token = FirstToken(service, krb5, 0);
+    } else if (mode == "krb5-delegate") {
+        token = FirstToken(service, krb5, GSS_C_MUTUAL_FLAG | GSS_C_DELEG_FLAG);
     } else if (mode == "two-step") {
         // NegTokenInit offering Kerberos but carrying no token: the acceptor has to ask for one.
         const Bytes oid(static_cast<const char*>(krb5->elements), krb5->length);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the normal build, the address+undefined and the
-# thread sanitizer builds, the clang build, and the Windows cross-build under Wine.
+# thread sanitizer builds, the clang build and a short run of its fuzzers, and the
+# Windows cross-build under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -36,6 +37,7 @@ timed default run_preset default
 timed asan run_preset asan
 timed tsan run_preset tsan
 timed clang run_preset clang
+timed fuzz bash scripts/fuzz.sh 8
 timed windows windows
 total=0
 failed=0

@@ -61,6 +61,8 @@ SSOImpl::~SSOImpl() {
         m_pContextManager = nullptr;
         m_pSessionManager = nullptr;
         m_pErrorManager = nullptr;
+        delete m_pJtcInit;
+        m_pJtcInit = nullptr;
         s_bImplDestroyed = true;
     }
     SASSERT(m_nInitRefcount == 0, "m_nInitRefcount == 0");

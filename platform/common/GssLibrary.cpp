@@ -15,13 +15,13 @@ struct ProcessState {
     std::map<std::string, std::weak_ptr<Tarvik500::CSharedLibrary>> m_live;
 };
 
-ProcessState& State() {
-    static ProcessState s_state;
-    return s_state;
-}
-// Made when the library loads, before anything that binds or calls a GSS-API
-// library, so that it is undone after all of them, at exit or unload.
-[[maybe_unused]] const bool g_bStateMade = (State(), true);
+// Made before every other static object of the library, whatever the order of its
+// files, so that it is undone after all of them at exit or unload: the plug-in's
+// singletons let go of their bindings and contexts as they go, also when a host
+// never ended the package.
+ProcessState s_state __attribute__((init_priority(101)));
+
+ProcessState& State() { return s_state; }
 
 }  // namespace
 

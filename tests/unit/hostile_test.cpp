@@ -19,7 +19,8 @@
 #endif
 
 // Fails the n-th allocation of the calling thread, where no sanitizer brings its own allocator.
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if defined(__GLIBC__) && !defined(OSTREL_SANITIZE_ADDRESS) && !defined(__SANITIZE_ADDRESS__) && \
+    !defined(__SANITIZE_THREAD__)
 #define OSTREL_FAILING_MALLOC 1
 extern "C" void* __libc_malloc(size_t);
 thread_local long t_nMallocsBeforeFailure = -1;
