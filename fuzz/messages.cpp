@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* i_pData, size_t i_nSize) {
     ostrel_char* pText = nullptr;
     Touch(SSOGetMessageContent(nId, &pText) == SSO_STATUS_OK ? pText : nullptr), SSOFreeString(pText);
 
-    ostrel::CSmartRefCountPtr<ostrel::ErrorManager> pErrors = new ostrel::ErrorManager();
+    ostrel::CSmartRefCountPtr<ostrel::ErrorManager> pErrors{new ostrel::ErrorManager()};
     pErrors->SetThreadError(ostrel::SSOException(nStatus, nId, arrSubst));  // never fetched: the manager frees it
     pErrors->SetThreadError(ostrel::SSOException(nStatus, nId, arrSubst));
     Plugin_Exception_Struct* pError = pErrors->GetThreadError();
