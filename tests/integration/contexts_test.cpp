@@ -39,9 +39,7 @@ protected:
     // The thread's record for a status that just came back: its message id, or 0 when there is none.
     unsigned int Message(unsigned int i_nStatus) {
         Plugin_Exception_Struct* pError = nullptr;
-        if (plugin.SSOGetError(i_nStatus, &pError) != 0) {
-            return 0;
-        }
+        if (plugin.SSOGetError(i_nStatus, &pError) != 0) return 0;
         const unsigned int id = pError->errCode == i_nStatus ? pError->messageId : 1;
         plugin.SSOFreeError(pError);
         return id;
@@ -173,18 +171,12 @@ TEST_F(Contexts, CallsRacingTerminationFinishOrAreRefused) {
             }
         });
     }
-    while (nSucceeded < 50) {
-        std::this_thread::yield();
-    }
+    while (nSucceeded < 50) std::this_thread::yield();
     EXPECT_EQ(plugin.SSOTermPackage(), 0u);
     EXPECT_EQ(plugin.SSOTermPackage(), 0u);  // now fully down, with calls in flight
-    while (nRefused < 10) {
-        std::this_thread::yield();
-    }
+    while (nRefused < 10) std::this_thread::yield();
     bStop = true;
-    for (auto& w : workers) {
-        w.join();
-    }
+    for (auto& w : workers) w.join();
     ASSERT_EQ(plugin.SSOInitPackage(), 0u);  // and a fresh start serves again
     EXPECT_FALSE(Capture().empty());
 }

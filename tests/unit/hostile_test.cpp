@@ -91,9 +91,7 @@ TEST(HostileKeys, NeverComeBackNorFollowEachOther) {
         keys.insert(keys.end(), {id.GetId(), std::stoull(ostrel_test::Narrow(ssKey))});
     }
     EXPECT_EQ(std::set<uint64_t>(keys.begin(), keys.end()).size(), keys.size());
-    for (size_t i = 0; i < 2; ++i) {
-        EXPECT_NE(keys[i + 2] - keys[i], keys[i + 4] - keys[i + 2]) << "keys in step";
-    }
+    for (size_t i = 0; i < 2; ++i) EXPECT_NE(keys[i + 2] - keys[i], keys[i + 4] - keys[i + 2]) << "keys in step";
 }
 
 TEST(HostileDates, ArithmeticSaturatesInsteadOfWrapping) {
