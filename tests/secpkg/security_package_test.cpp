@@ -14,8 +14,10 @@
 #include <tuple>
 #include <vector>
 
-#include "integration/Plugin.h"
+// Before Plugin.h: its <windows.h> must not come ahead of the Windows security headers.
 #include "ostrel_platform/ISecurityApi.h"
+
+#include "integration/Plugin.h"
 #if !defined(_WIN32)
 #include <grp.h>
 #include <pwd.h>
