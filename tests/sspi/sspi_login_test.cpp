@@ -89,8 +89,8 @@ protected:
         p.SSOFreeBuffer(pBuffer), p.SSOFreeString(pKey), p.SSOFreeParameters(pParams);
         Plugin_Exception_Struct* e = nullptr;
         if (o.status >= SSO_STATUS_LOGON_DENIED && p.SSOGetError(o.status, &e) == 0 && e != nullptr) {
-            o.error = std::to_string(e->errCode) + "/" + std::to_string(e->messageId) +
-                      (e->pSubstStrings != nullptr ? "/" + Narrow(Text(e->pSubstStrings->data)) : "");
+            o.error = std::to_string(e->errCode) + "/" + std::to_string(e->messageId);
+            if (e->pSubstStrings != nullptr) o.error.append("/").append(Narrow(Text(e->pSubstStrings->data)));
         }
         p.SSOFreeError(e);
         return o;
