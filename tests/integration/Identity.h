@@ -34,11 +34,5 @@ inline bool BecomeOnThisThread(uid_t i_uid, gid_t i_gid, const std::vector<gid_t
            ::syscall(SYS_setresuid, i_uid, i_uid, static_cast<uid_t>(-1)) == 0;
 }
 
-inline bool RestoreOnThisThread(const ThreadIdentity& i_id) {
-    return ::syscall(SYS_setresuid, i_id.ruid, i_id.euid, -1) == 0 &&
-           ::syscall(SYS_setresgid, i_id.rgid, i_id.egid, -1) == 0 &&
-           ::syscall(SYS_setgroups, i_id.groups.size(), i_id.groups.data()) == 0;
-}
-
 }  // namespace ostrel_test
 #endif

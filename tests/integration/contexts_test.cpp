@@ -1,13 +1,11 @@
-// Captured identities in the context cache, and what the exports answer to bad calls, through the built library.
+// Captured contexts, what the exports answer to bad calls, and calls racing termination, through the built library.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <thread>
 #include <vector>
 
-#include "integration/Identity.h"
 #include "integration/Plugin.h"
 
 using ostrel_test::Text;
@@ -39,9 +37,7 @@ protected:
     // The thread's record for a status that just came back: its message id, or 0 when there is none.
     unsigned int Message(unsigned int i_nStatus) {
         Plugin_Exception_Struct* pError = nullptr;
-        if (plugin.SSOGetError(i_nStatus, &pError) != 0) {
-            return 0;
-        }
+        if (plugin.SSOGetError(i_nStatus, &pError) != 0) return 0;
         const unsigned int id = pError->errCode == i_nStatus ? pError->messageId : 1;
         plugin.SSOFreeError(pError);
         return id;
@@ -50,35 +46,6 @@ protected:
 };
 
 }  // namespace
-
-#if defined(__linux__)
-TEST_F(Contexts, ACapturedUserIsImpersonatedOnAnotherThreadUnderAnyKey) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "switching users needs root";
-    }
-    const std::vector<gid_t> kGroups = {4343, 5001, 5002};
-    std::u16string key;
-    std::thread([&] {  // a thread running as an ordinary user captures who it is
-        const ostrel_test::ThreadIdentity before = ostrel_test::CurrentThreadIdentity();
-        ASSERT_TRUE(ostrel_test::BecomeOnThisThread(4242, 4343, kGroups));
-        key = Capture();
-        ASSERT_TRUE(ostrel_test::RestoreOnThisThread(before));
-    }).join();
-    ASSERT_FALSE(key.empty());
-    ASSERT_EQ(plugin.SSOAssociateSecurityContext(K(key), OSTREL_T("host-key-1")), 0u);
-    EXPECT_EQ(plugin.SSOLookupSecurityContext(K(key)), 103u) << "the old key is gone";
-    EXPECT_EQ(plugin.SSOImpersonate(K(key)), 100u);
-    EXPECT_EQ(Message(100), 61869u);
-    std::thread([&] {
-        ASSERT_EQ(plugin.SSOImpersonate(OSTREL_T("host-key-1")), 0u);
-        const ostrel_test::ThreadIdentity as = ostrel_test::CurrentThreadIdentity();
-        EXPECT_EQ(std::make_tuple(as.euid, as.egid, as.groups), std::make_tuple(4242u, 4343u, kGroups));
-        EXPECT_EQ(plugin.SSORevert(OSTREL_T("host-key-1")), 0u);
-        EXPECT_EQ(ostrel_test::CurrentThreadIdentity().euid, 0u);
-    }).join();
-    EXPECT_EQ(ostrel_test::CurrentThreadIdentity().euid, 0u) << "neither capture nor use changed this thread";
-}
-#endif
 
 TEST_F(Contexts, ContextsAreFoundImpersonatedAndReleased) {
     const std::u16string a = Capture(), b = Capture();
@@ -133,20 +100,6 @@ TEST_F(Contexts, BadCallsGiveAStatusARecordAndNoOutput) {
     }
 }
 
-TEST_F(Contexts, AConfiguredExpiryEndsAKeyButNotItsRevert) {
-    ASSERT_EQ(InitProvider(SSO_KEY_CTXT_CACHE_EXPIRY, SSO_PARAM_LONG, OSTREL_T("1")), 0u);
-    const std::u16string key = Capture();
-    EXPECT_EQ(plugin.SSOLookupSecurityContext(K(key)), 0u);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (plugin.SSOLookupSecurityContext(K(key)) == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_EQ(plugin.SSOLookupSecurityContext(K(key)), 103u) << "a one-second limit not applied within 20 s";
-    EXPECT_EQ(plugin.SSOImpersonate(K(key)), 100u);
-    EXPECT_EQ(Message(100), 61869u);
-    EXPECT_EQ(plugin.SSORevert(K(key)), 0u) << "reverting needs no valid token, only one in the cache";
-}
-
 // Calls under way when the plug-in is terminated either finish whole or are refused with 100 and no output.
 TEST_F(Contexts, CallsRacingTerminationFinishOrAreRefused) {
     ASSERT_EQ(InitProvider(SSO_KEY_CTXT_CACHE_EXPIRY, SSO_PARAM_LONG, OSTREL_T("1")), 0u);
@@ -173,18 +126,12 @@ TEST_F(Contexts, CallsRacingTerminationFinishOrAreRefused) {
             }
         });
     }
-    while (nSucceeded < 50) {
-        std::this_thread::yield();
-    }
+    while (nSucceeded < 50) std::this_thread::yield();
     EXPECT_EQ(plugin.SSOTermPackage(), 0u);
     EXPECT_EQ(plugin.SSOTermPackage(), 0u);  // now fully down, with calls in flight
-    while (nRefused < 10) {
-        std::this_thread::yield();
-    }
+    while (nRefused < 10) std::this_thread::yield();
     bStop = true;
-    for (auto& w : workers) {
-        w.join();
-    }
+    for (auto& w : workers) w.join();
     ASSERT_EQ(plugin.SSOInitPackage(), 0u);  // and a fresh start serves again
     EXPECT_FALSE(Capture().empty());
 }

@@ -46,9 +46,7 @@ TEST(HostileHost, UnloadingWithoutTerminationStopsTheCleanerFirst) {
     for (int nContexts : {0, 5000}) {
         const pid_t pid = ::fork();
         ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            ::_exit(UnloadUnterminated(nContexts));
-        }
+        if (pid == 0) ::_exit(UnloadUnterminated(nContexts));
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)

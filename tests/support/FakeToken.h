@@ -103,28 +103,21 @@ public:
 
     void Impersonate() override {
         ++m_nImpersonateCalls;
-        if (m_bImpersonateFails) {
-            throw SSOException(STATUS_FAILURE, MSG_IMPERSONATION);
-        }
+        if (m_bImpersonateFails) throw SSOException(STATUS_FAILURE, MSG_IMPERSONATION);
         CSmartWriteLocker lock(m_Lock);
         m_nImpersonations += m_bCounts ? 1 : 0;
     }
     void Revert() override {
-        ++m_nRevertCalls;
         CSmartWriteLocker lock(m_Lock);
         m_nImpersonations -= (m_bCounts && m_nImpersonations > 0) ? 1 : 0;
     }
     bool Expired(const SDateTime& i_now) override {
-        if (m_bExpiredThrows) {
-            throw SSOException(STATUS_FAILURE);
-        }
+        if (m_bExpiredThrows) throw SSOException(STATUS_FAILURE);
         return i_now.GetMilliseconds() > m_nCredentialExpiryMs.load();
     }
     bool RenegotiateImpl() override {
         ++m_nRenegotiateCalls;
-        if (m_onRenegotiate) {
-            m_onRenegotiate();
-        }
+        if (m_onRenegotiate) m_onRenegotiate();
         switch (m_eRenewal.load()) {
             case Renewal::Fail: return false;
             case Renewal::ThrowSSOException: throw SSOException(STATUS_FAILURE);
@@ -146,14 +139,11 @@ public:
     std::atomic<bool> m_bImpersonateFails{false};
     std::function<void()> m_onRenegotiate;  // set before the token is shared
     std::atomic<int> m_nImpersonateCalls{0};
-    std::atomic<int> m_nRevertCalls{0};
     std::atomic<int> m_nRenegotiateCalls{0};
 
 protected:
     ~FakeToken() override {
-        if (m_pDestroyed != nullptr) {
-            ++*m_pDestroyed;
-        }
+        if (m_pDestroyed != nullptr) ++*m_pDestroyed;
     }
 
 private:
@@ -170,9 +160,7 @@ template <class Condition>
 bool WaitUntil(Condition i_condition, std::chrono::milliseconds i_limit = std::chrono::seconds(20)) {
     const auto deadline = std::chrono::steady_clock::now() + i_limit;
     while (!i_condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
+        if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;

@@ -54,9 +54,7 @@ public:
                       bool i_bLogon, Parameters& o_params) override {
         m_bLastLogonInfo = i_bLogon;
         const char* pUser = m_script.empty() ? nullptr : m_script.front().user;
-        if (pUser != nullptr && i_bLogon) {
-            o_params.AddParameter(SWCharString(OSTREL_T("USER")), ToWCharString(pUser));
-        }
+        if (pUser != nullptr && i_bLogon) o_params.AddParameter(SWCharString(OSTREL_T("USER")), ToWCharString(pUser));
         return Play("Accept", i_pv, i_n, o_pp, o_pn);
     }
     int AcquireCurrentContext(const Parameters&, SSOSessionPtr) override { return Play("Acquire", nullptr, 0, nullptr, nullptr); }
@@ -86,9 +84,7 @@ private:
         } else if (o_pn != nullptr) {
             *o_pn = 7;  // no token, and a length the driver must not pass on
         }
-        if (step.nThrow != 0) {
-            throw SSOException(step.nThrow);
-        }
+        if (step.nThrow != 0) throw SSOException(step.nThrow);
         return step.status;
     }
 };

@@ -123,9 +123,7 @@ int main(int argc, char** argv) {
     }
     std::printf("%d %d\n", port, static_cast<int>(getpid()));
     std::fflush(stdout);
-    for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0;) {
-        std::thread(Serve, fd).detach();
-    }
+    for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0;) std::thread(Serve, fd).detach();
     return 1;
 }
 

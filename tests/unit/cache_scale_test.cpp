@@ -32,9 +32,7 @@ protected:
         pToken->SetTimes(now + STimeSpan(-kHour), now + STimeSpan(-kHour));
         pToken->m_nCredentialExpiryMs = now.GetMilliseconds() + i_nEndsInMs;
         pToken->m_nRenewedLifetimeMs = 10 * kHour;
-        if (o_pTokens != nullptr) {
-            o_pTokens->push_back(pToken);
-        }
+        if (o_pTokens != nullptr) o_pTokens->push_back(pToken);
         CSmartRefCountPtr<StaticToken> pStatic(pToken);
         return m_pCache->Insert(pStatic);
     }
@@ -78,9 +76,7 @@ TEST_F(CacheScale, ScansKeepTheirRulesWhileHostsInsertLookUpImpersonateAndReleas
         }
     };
     std::thread first(host), second(host);
-    for (int nScan = 0; nScan < 5; ++nScan) {
-        m_hScanner->CleanUp();
-    }
+    for (int nScan = 0; nScan < 5; ++nScan) m_hScanner->CleanUp();
     bDone = true;
     first.join();
     second.join();
@@ -102,9 +98,7 @@ TEST_F(CacheScale, RenegotiationHoldsNoCacheLockAndAStopEndsTheScan) {
         for (int i = 0; i < 200; ++i) {
             Add(1000, &tokens);
             tokens.back()->m_onRenegotiate = [&, bStop] {
-                if (bFirst.exchange(false)) {
-                    bStop ? m_hScanner->stop() : m_pCache->ReleaseAll();
-                }
+                if (bFirst.exchange(false)) bStop ? m_hScanner->stop() : m_pCache->ReleaseAll();
             };
         }
         m_hScanner->CleanUp();

@@ -56,9 +56,7 @@ protected:
     // One scan run here, on a thread object that never starts.
     void ScanOnce(bool i_bStopped = false) {
         JTCHandleT<SecContextUpdateThread> hThread(new SecContextUpdateThread(m_pCache.get()));
-        if (i_bStopped) {
-            hThread->stop();
-        }
+        if (i_bStopped) hThread->stop();
         hThread->CleanUp();
         hThread->stop();
     }
@@ -241,9 +239,7 @@ TEST_F(Cache, AScanRemovesRenewsAndSkipsAsItShould) {
     a->m_onRenegotiate = [this] { EXPECT_TRUE(m_pCache->Release(SWCharString(OSTREL_T("d")))); };
     const std::pair<TokenPtr, const ostrel_char*> all[] = {
         {a, OSTREL_T("a")}, {b, OSTREL_T("b")}, {c, OSTREL_T("c")}, {d, OSTREL_T("d")}, {e, OSTREL_T("e")}};
-    for (const auto& [p, k] : all) {
-        Insert(p, k);
-    }
+    for (const auto& [p, k] : all) Insert(p, k);
     m_pCache->StopUpdateThread();  // the scans below are ours alone
     for (const auto& [p, k] : all) {
         p->ExpireIn(kMin);  // all near their end, and a minute is more than any scan takes
@@ -329,9 +325,7 @@ TEST_F(Cache, HostThreadsAndTheCleanerKeepEveryPromise) {
             }
         });
     }
-    for (auto& t : workers) {
-        t.join();
-    }
+    for (auto& t : workers) t.join();
     bDone = true;
     waker.join();
     m_pCache->StartUpdateThread();

@@ -21,9 +21,7 @@ std::u16string Text(const ostrel_char* p) { return p == nullptr ? u"<null>" : re
 
 SSOException WithStrings(uint32_t i_nStatus, std::initializer_list<const ostrel_char*> i_texts) {
     SIArray<SWCharString> arr;
-    for (const ostrel_char* p : i_texts) {
-        arr.Add(SWCharString(p));
-    }
+    for (const ostrel_char* p : i_texts) arr.Add(SWCharString(p));
     return SSOException(i_nStatus, MSG_NO_HANDLER, arr);
 }
 
@@ -38,9 +36,7 @@ TEST(ErrorRecords, CarryStatusIdAndSubstitutionsAndOutOfMemoryIsStatic) {
     EXPECT_EQ(std::make_tuple(pError->errCode, pError->messageId, pError->message),
               std::make_tuple(100u, uint32_t{MSG_NO_HANDLER}, static_cast<ostrel_char*>(nullptr)));
     std::vector<std::u16string> seen;
-    for (SubstString* p = pError->pSubstStrings; p != nullptr; p = p->next) {
-        seen.push_back(Text(p->data));
-    }
+    for (SubstString* p = pError->pSubstStrings; p != nullptr; p = p->next) seen.push_back(Text(p->data));
     EXPECT_EQ(seen, (std::vector<std::u16string>{u"one", u"<null>", u"three", u"four"}));
     EXPECT_TRUE(capture.has("ASSERT(nSubstStringCount <= 3)"));
     FreeErrorStruct(pError);
@@ -85,9 +81,7 @@ TEST(ErrorRecords, RecordsNobodyFetchedDieWithTheManager) {
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] { pManager->SetThreadError(WithStrings(100, {OSTREL_T("GSSAPI")})); });
     }
-    for (auto& t : threads) {
-        t.join();
-    }
+    for (auto& t : threads) t.join();
     pManager->SetThreadError(SSOException(100));
     pManager->SetThreadError(SSOException(101));
     pManager = nullptr;

@@ -69,9 +69,7 @@ TEST(Foundation, StringsContainersAndTrace) {
         map.SetAt(SWCharString(k), v);
     }
     std::vector<std::string> keys;
-    for (SIMap<SWCharString, int>::Iterator it(map, true); !it.isAtEnd(); ++it) {
-        keys.push_back(A(it.key()));
-    }
+    for (SIMap<SWCharString, int>::Iterator it(map, true); !it.isAtEnd(); ++it) keys.push_back(A(it.key()));
     int value = 0;
     EXPECT_TRUE(keys.size() == 2 && SWCharString(W(keys[1])).compareFast(W(keys[0])) < 0);
     EXPECT_TRUE(map.Lookup(SWCharString(OSTREL_T("a")), value) && value == 4 && map.RemoveKey(SWCharString(OSTREL_T("a"))));
@@ -95,9 +93,7 @@ public:
 
 protected:
     void run() override {
-        while (!sleep_with_stop_alarm(60000)) {
-            ++m_nWakes;
-        }
+        while (!sleep_with_stop_alarm(60000)) ++m_nWakes;
     }
 
 private:
@@ -134,9 +130,7 @@ TEST(Foundation, ThreadsWakeStopAndOutliveTheirHandle) {
     JTCTSS::release(again);
     std::vector<uint32_t> keys;
     EXPECT_THROW(for (;;) keys.push_back(JTCTSS::allocate()), JTCSystemCallException);
-    for (uint32_t k : keys) {
-        JTCTSS::release(k);
-    }
+    for (uint32_t k : keys) JTCTSS::release(k);
 }
 
 // Readers may share the lock; a writer never meets anyone inside.
@@ -162,9 +156,7 @@ TEST(Foundation, WritersExcludeEveryoneReadersOnlyWriters) {
             }
         });
     }
-    for (auto& t : threads) {
-        t.join();
-    }
+    for (auto& t : threads) t.join();
     EXPECT_EQ(nViolations, 0);
 }
 
@@ -185,9 +177,7 @@ TEST(Foundation, DatesSecretsLibrariesAndMessages) {
     EXPECT_FALSE(first == second) << "a fresh salt each time";
     const std::string good = A(first);
     std::string upper = good, badCheck = good;
-    for (char& c : upper) {
-        c = static_cast<char>(std::toupper(c));
-    }
+    for (char& c : upper) c = static_cast<char>(std::toupper(c));
     badCheck.back() = badCheck.back() == '0' ? '1' : '0';
     EXPECT_TRUE(SScrambler::DecryptPasswordDB(W(upper), plain) && plain == secret);
     for (const std::string& stored : {std::string("OSS1:"), "OSS2" + good.substr(4), good.substr(0, good.size() - 1), good + "0",

@@ -1,6 +1,6 @@
 // The provider "GSSAPI" against a scripted stand-in library: the binding and the gate of every call in both
 // locking modes, status texts, the acceptor's credentials and the handler's passes. Whole logins run against
-// a real realm in the Kerberos tests.
+// a real realm in tests/sspi.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -175,9 +175,7 @@ TEST_F(Gss, OnlyAThreadSafeLibraryIsEnteredSideBySide) {
                 pDll->gss_release_name(&minor, &name);
             });
         }
-        for (std::thread& t : threads) {
-            t.join();
-        }
+        for (std::thread& t : threads) t.join();
         EXPECT_EQ(m_fake.maxConcurrent() > 1, bThreadSafe) << m_fake.maxConcurrent();
         EXPECT_EQ(m_fake.outstanding(), 0);
     }
@@ -241,9 +239,7 @@ protected:
         Parameters out;
         Result r;
         try {
-            if (i_pCredentials == nullptr) {
-                i_pCredentials = m_pHandler->CreateServerCredentials(SSOCredentialsServer);
-            }
+            if (i_pCredentials == nullptr) i_pCredentials = m_pHandler->CreateServerCredentials(SSOCredentialsServer);
             r.status = m_pHandler->AcceptContext(i_pCredentials, i_pSession, i_in.empty() ? nullptr : i_in.data(),
                                                  i_in.size(), &pv, &n, i_bLogon, out);
         } catch (const SSOException& e) {
@@ -367,9 +363,7 @@ TEST_F(GssHandler, AnythingThrownInTheLibraryIsStatus100AndLeavesOutputsAndGateA
     Init();
     SSOSessionPtr pSession = m_pHandler->CreateSession(nullptr);
     m_fake.setHook([](const char* i_pEntry) {
-        if (std::strcmp(i_pEntry, "gss_accept_sec_context") == 0) {
-            throw 7;
-        }
+        if (std::strcmp(i_pEntry, "gss_accept_sec_context") == 0) throw 7;
     });
     const Result thrown = Accept(pSession, "token");
     EXPECT_EQ(thrown.status, kThrown);

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "authentication/ostrel/GSSAPICredentials.h"
+#include "authentication/ostrel/Keys.h"
 #include "authentication/ostrel/SSOImpl.h"
 #include "authentication/ostrel/ThreadTokenHandler.h"
 #include "support/FakeToken.h"
@@ -82,9 +83,11 @@ TEST(HostileKeys, NeverComeBackNorFollowEachOther) {
         keys.insert(keys.end(), {id.GetId(), std::stoull(ostrel_test::Narrow(ssKey))});
     }
     EXPECT_EQ(std::set<uint64_t>(keys.begin(), keys.end()).size(), keys.size());
-    for (size_t i = 0; i < 2; ++i) {
-        EXPECT_NE(keys[i + 2] - keys[i], keys[i + 4] - keys[i + 2]) << "keys in step";
-    }
+    for (size_t i = 0; i < 2; ++i) EXPECT_NE(keys[i + 2] - keys[i], keys[i + 4] - keys[i + 2]) << "keys in step";
+    uint64_t n = 0;  // one spelling each: no leading zero, nothing past 2^64 - 1 that wraps onto a key
+    for (const char* alias : {"0", "01", "18446744073709551616", "99999999999999999999", "1a", "-1", ""})
+        EXPECT_FALSE(ParseCanonicalKey(ToWCharString(alias), n)) << alias;
+    EXPECT_TRUE(ParseCanonicalKey(ToWCharString("18446744073709551615"), n) && n == UINT64_MAX);
 }
 
 TEST(HostileDates, ArithmeticSaturatesInsteadOfWrapping) {

@@ -29,9 +29,7 @@ public:
     std::pair<uint32_t, uint32_t> TakeError() {
         Plugin_Exception_Struct* pError = nullptr;
         std::pair<uint32_t, uint32_t> result{0, 0};
-        if (m_pImpl->GetError(0, &pError) == 0) {
-            result = {pError->errCode, pError->messageId};
-        }
+        if (m_pImpl->GetError(0, &pError) == 0) result = {pError->errCode, pError->messageId};
         FreeErrorStruct(pError);
         return result;
     }
@@ -100,9 +98,7 @@ TEST_F(MainRoad, LoginsEndAsTheirHandlerSays) {
         SWCharString ssKey;
         for (const Pass& pass : login.passes) {
             SCOPED_TRACE(pass.call);
-            if (!pass.step.op.empty()) {
-                m_provider->m_script.push_back(pass.step);
-            }
+            if (!pass.step.op.empty()) m_provider->m_script.push_back(pass.step);
             const size_t nIn = pass.input != nullptr ? std::strlen(pass.input) : 0;
             void* pOut = nullptr;
             size_t nOut = 99;

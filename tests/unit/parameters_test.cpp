@@ -35,9 +35,7 @@ struct HostSequence {
 template <class T>
 std::string Read(const Parameters& i_params, const char16_t* i_pKey, T o_value) {
     try {
-        if (!i_params.GetParameter(W(i_pKey), o_value)) {
-            return "absent";
-        }
+        if (!i_params.GetParameter(W(i_pKey), o_value)) return "absent";
     } catch (const SSOException& e) {
         return "throws " + std::to_string(e.GetCode()) + "/" + std::to_string(e.GetMessageId());
     }

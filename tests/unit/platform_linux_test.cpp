@@ -32,9 +32,7 @@ std::string TextOf(DWORD i_nError, DWORD i_nLanguage = 1024) {
     LPWSTR p = nullptr;
     const DWORD n = api.FormatMessageW(kAlloc, nullptr, i_nError, i_nLanguage, reinterpret_cast<LPWSTR>(&p), 0, nullptr);
     std::string text;
-    for (DWORD i = 0; p != nullptr && i < n; ++i) {
-        text += p[i] < 0x80 ? static_cast<char>(p[i]) : '?';
-    }
+    for (DWORD i = 0; p != nullptr && i < n; ++i) text += p[i] < 0x80 ? static_cast<char>(p[i]) : '?';
     if (p != nullptr) {
         EXPECT_EQ(api.LocalFree(p), nullptr);
     }
@@ -181,9 +179,7 @@ Seen ImpersonateOnAThread(LinuxTokenApi& api, const std::vector<HANDLE>& i_token
     Seen seen;
     std::thread([&] {
         const ostrel_test::ThreadIdentity before = ostrel_test::CurrentThreadIdentity();
-        for (HANDLE h : i_tokens) {
-            EXPECT_TRUE(api.ImpersonateLoggedOnUser(h));
-        }
+        for (HANDLE h : i_tokens) EXPECT_TRUE(api.ImpersonateLoggedOnUser(h));
         const ostrel_test::ThreadIdentity during = ostrel_test::CurrentThreadIdentity();
         seen.kernelUid = during.euid, seen.kernelGroups = during.groups, seen.fileOwner = OwnerOfNewFile();
         HANDLE h = nullptr;
