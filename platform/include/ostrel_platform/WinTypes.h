@@ -13,9 +13,10 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
-#include <windows.h>
-// Lean windows.h leaves the sockets out; the agent library needs them started.
+// Lean windows.h leaves the sockets out, and the agent library needs them started;
+// winsock2.h goes first, as it must.
 #include <winsock2.h>
+#include <windows.h>
 
 #else  // !_WIN32
 
