@@ -26,6 +26,7 @@
 
 namespace {
 
+using ostrel_bench::InitBenchmark;
 using ostrel_bench::Percentile;
 
 using Clock = std::chrono::steady_clock;
@@ -164,20 +165,7 @@ void PrintSummary() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<char*> rest;
-    for (int i = 0; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg.rfind("--exchanges=", 0) == 0) {
-            g_nExchanges = std::max(1, std::atoi(arg.c_str() + 12));
-        } else if (arg.rfind("--rounds=", 0) == 0) {
-            g_nRounds = std::max(1, std::atoi(arg.c_str() + 9));
-        } else {
-            rest.push_back(argv[i]);
-        }
-    }
-    int nRest = int(rest.size());
-    benchmark::Initialize(&nRest, rest.data());
-    if (benchmark::ReportUnrecognizedArguments(nRest, rest.data())) {
+    if (!InitBenchmark(argc, argv, {{"--exchanges=", &g_nExchanges}, {"--rounds=", &g_nRounds}})) {
         return 2;
     }
     g_service = Env("OSTREL_SPN", "HTTP/localhost");

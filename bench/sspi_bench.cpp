@@ -38,6 +38,7 @@
 
 namespace {
 
+using ostrel_bench::InitBenchmark;
 using ostrel_bench::Percentile;
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<unsigned char>;
@@ -328,20 +329,7 @@ void PrintSummary() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<char*> rest;
-    for (int i = 0; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg.rfind("--logins=", 0) == 0) {
-            g_nLogins = std::max(1, std::atoi(arg.c_str() + 9));
-        } else if (arg.rfind("--rounds=", 0) == 0) {
-            g_nRounds = std::max(1, std::atoi(arg.c_str() + 9));
-        } else {
-            rest.push_back(argv[i]);
-        }
-    }
-    int nRest = int(rest.size());
-    benchmark::Initialize(&nRest, rest.data());
-    if (benchmark::ReportUnrecognizedArguments(nRest, rest.data())) {
+    if (!InitBenchmark(argc, argv, {{"--logins=", &g_nLogins}, {"--rounds=", &g_nRounds}})) {
         return 2;
     }
     g_spn = U(Env("OSTREL_SPN", "HTTP/localhost"));
