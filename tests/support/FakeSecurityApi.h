@@ -17,7 +17,7 @@ public:
         SECURITY_STATUS status = SEC_E_OK;
         ULONG nOutput = 0;  // bytes of token written
     };
-    std::deque<Step> query, acquire, init, accept, impersonate, revert;
+    std::deque<Step> query, acquire, init, accept, revert;
     LONGLONG nExpiry = 0;                                    // the tsExpiry of every context
     std::set<ULONG_PTR> credentials, contexts;               // open handles
     std::string calls;                                       // with the arguments that matter
@@ -56,8 +56,8 @@ public:
     SECURITY_STATUS QueryContextAttributesW(PCtxtHandle, ULONG, PVOID p) override {
         return static_cast<SecPkgContext_Lifespan*>(p)->tsExpiry.QuadPart = nExpiry, SEC_E_OK;
     }
-    SECURITY_STATUS ImpersonateSecurityContext(PCtxtHandle ph) override { return Count(impersonate, ph, 1); }
-    SECURITY_STATUS RevertSecurityContext(PCtxtHandle ph) override { return Count(revert, ph, -1); }
+    SECURITY_STATUS ImpersonateSecurityContext(PCtxtHandle ph) override { return Count(SEC_E_OK, ph, 1); }
+    SECURITY_STATUS RevertSecurityContext(PCtxtHandle ph) override { return Count(Next(revert).status, ph, -1); }
 
 private:
     static std::string Text(const void* p, size_t n = std::u16string::npos) {
@@ -81,10 +81,9 @@ private:
         std::memset(pOut->pBuffers->pvBuffer, 'T', pOut->pBuffers->cbBuffer = step.nOutput);
         return step.status;
     }
-    SECURITY_STATUS Count(std::deque<Step>& io_steps, PCtxtHandle ph, int i_nStep) {
-        const SECURITY_STATUS status = Next(io_steps).status;
-        if (status == SEC_E_OK && contexts.count(ph->dwLower) != 0) nImpersonating += i_nStep;
-        return status;
+    SECURITY_STATUS Count(SECURITY_STATUS i_status, PCtxtHandle ph, int i_nStep) {
+        if (i_status == SEC_E_OK && contexts.count(ph->dwLower) != 0) nImpersonating += i_nStep;
+        return i_status;
     }
 
     SecPkgInfoW m_info = {0, 0, 0, 64, nullptr, nullptr};

@@ -28,8 +28,9 @@ public:
 class LogonTokens : public ostrel_test::FailingTokenApi {
 public:
     Sids sids;  // the user's, then the groups'
-    int nOpen = 0;
+    int nOpen = 0, nReverts = 0;
     BOOL OpenThreadToken(HANDLE, DWORD, BOOL, PHANDLE t) override { return *t = this, ++nOpen, TRUE; }
+    BOOL RevertToSelf() override { return ++nReverts, FailingTokenApi::RevertToSelf(); }
     BOOL CloseHandle(HANDLE h) override { return nOpen -= h == this, TRUE; }
     BOOL GetTokenInformation(HANDLE, TOKEN_INFORMATION_CLASS c, LPVOID p, DWORD n, PDWORD r) override {
         const bool bUser = c == TokenUser;
@@ -203,6 +204,7 @@ TEST_F(Sspi, ExpiryImpersonationAndRevert) {
     fake.revert = {{SEC_E_INTERNAL_ERROR}};  // mended by RevertToSelf
     for (int i = 0; i < 4; ++i) (i < 2 ? pToken->Impersonate() : pToken->Revert());
     pToken->Revert();  // at 0, stays 0
+    EXPECT_EQ(tokens.nReverts, 2) << "the failed revert and the one at 0";
     tokens.bFailRevert = true;
     EXPECT_EQ(Try([&] { return pToken->Revert(), 0; }), "100/61776") << "count 0: RevertToSelf alone";
 }
