@@ -5,7 +5,7 @@ set -uo pipefail
 HOST_BIN=$1 TOKENS_BIN=$2 PLUGIN=$3 WORK=$4
 : "${OSTREL_REALM_DIR:?needs the test realm (run through ctest)}"
 REALM_SH=$(dirname "${BASH_SOURCE[0]}")/../tests/realm/realm.sh
-ALICE=FILE:$WORK/alice.ccache BOB=FILE:$WORK/bob.ccache HOST_PID=
+ALICE=FILE:$WORK/alice.ccache HOST_PID=
 rm -rf "$WORK" && mkdir -p "$WORK"
 stop_host() {  # TERM, KILL after 10 s; the host's exit status in status
   [ -n "$HOST_PID" ] || return 0
@@ -24,8 +24,8 @@ check() {  # WHAT CONDITION...
   shift
   if eval "$@"; then echo "ok:   $what"; else echo "FAIL: $what: $*"; failures=$((failures + 1)); fi
 }
-# Own credential caches: the realm's default one is shared with other tests.
-bash "$REALM_SH" kinit "$OSTREL_REALM_DIR" "$OSTREL_USER1" --ccache "$ALICE" && bash "$REALM_SH" kinit "$OSTREL_REALM_DIR" "$OSTREL_USER2" --ccache "$BOB" || exit 1
+# An own credential cache: the realm's default one is shared with other tests.
+bash "$REALM_SH" kinit "$OSTREL_REALM_DIR" "$OSTREL_USER1" --ccache "$ALICE" || exit 1
 # The plug-in's trace tells at the end how many half-done logins were left over.
 OSTREL_TRACE=$WORK/trace.log "$HOST_BIN" --port 0 --port-file "$WORK/port" --plugin "$PLUGIN" --threads 4 >"$WORK/host.out" 2>"$WORK/host.err" &
 HOST_PID=$!
@@ -33,7 +33,7 @@ for _ in $(seq 100); do [ -s "$WORK/port" ] || ! kill -0 $HOST_PID 2>/dev/null |
 [ -s "$WORK/port" ] || { echo "http_host did not start:"; cat "$WORK/host.out" "$WORK/host.err"; exit 1; }
 PORT=$(cat "$WORK/port")
 URL=http://localhost:$PORT/  # localhost, not 127.0.0.1: curl names the service after the host it was given
-NL=$'\n' HELLO1="Hello $OSTREL_USER1@$OSTREL_REALM" HELLO2="Hello $OSTREL_USER2@$OSTREL_REALM" REPLY='^WWW-Authenticate: Negotiate [A-Za-z0-9+/]{8,}=*$'
+NL=$'\n' HELLO1="Hello $OSTREL_USER1@$OSTREL_REALM" REPLY='^WWW-Authenticate: Negotiate [A-Za-z0-9+/]{8,}=*$'
 # CCACHE CURL-ARGS...: sets code, body and head (with the log lines it caused in log).
 fetch() {
   local before
@@ -44,38 +44,18 @@ fetch() {
 tokens() { KRB5CCNAME=$ALICE "$TOKENS_BIN" "$1" "$OSTREL_SPN"; }
 negotiate() { fetch "$ALICE" -H "Authorization: Negotiate $1"; }
 
-fetch "$ALICE" --negotiate -u : -v
+fetch "$ALICE" --negotiate -u :
 check "curl --negotiate: 200, the user named, with the reply token" '[ "$code" = 200 ] && [ "$body" = "$HELLO1" ] && [[ $head =~ $REPLY ]]'
-curl_token=$(tr -d '\r' <"$WORK/curl.err" | sed -n 's/^> Authorization: Negotiate //p')
-fetch "$BOB" --negotiate -u :
-check "another user: 200, named" '[ "$code" = 200 ] && [ "$body" = "$HELLO2" ]'
-fetch "$ALICE" --anyauth -u : -v
-check "401 first, then the token on the same connection" '[ "$code" = 200 ] && grep -q "^< HTTP/1.1 401" "$WORK/curl.err" && [ "$(grep -c "^\* Connected to" "$WORK/curl.err")" = 1 ]'
 fetch "$ALICE"
 check "no Authorization: 401 asking for Negotiate" '[ "$code" = 401 ] && [ "$head" = "WWW-Authenticate: Negotiate" ]'
-fetch "FILE:$WORK/none" --negotiate -u :
-check "no ticket: 401" '[ "$code" = 401 ]'
 negotiate AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA
 check "a forged token: 401, status and error record logged" '[ "$code" = 401 ] && grep -q "GET /: 401, SSOAcceptLogin -> 100 FAILURE; error 100, message [0-9]" <<<"$log"'
-tokens spnego | base64 -d >"$WORK/tampered"  # one byte changed inside the encrypted part
-offset=$(($(stat -c %s "$WORK/tampered") - 40))
-printf "\\$(printf %o $(($(od -An -tu1 -j $offset -N1 "$WORK/tampered") ^ 0xff)))" | dd of="$WORK/tampered" bs=1 seek=$offset conv=notrunc 2>/dev/null
-negotiate "$(base64 -w0 "$WORK/tampered")"
-check "a tampered token: 401" '[ "$code" = 401 ]'
 for bad in "Negotiate" "Negotiate !!!!" "Negotiate YIIC9" "Basic YWxpY2U6cHc="; do
   fetch "$ALICE" -H "Authorization: $bad"
   check "'Authorization: $bad': 401" '[ "$code" = 401 ]'
 done
-negotiate "$curl_token"
-check "curl's token replayed: 401" '[ -n "$curl_token" ] && [ "$code" = 401 ] && grep -q "401, SSOAcceptLogin -> 100 FAILURE" <<<"$log"'
-negotiate "$(tokens krb5)"
-check "a bare Kerberos token with mutual authentication: 200 with the reply" '[ "$code" = 200 ] && [ "$body" = "$HELLO1" ] && [[ $head =~ $REPLY ]]'
 negotiate "$(tokens krb5-one-way)"
-check "without mutual authentication: 200, nothing to reply" '[ "$code" = 200 ] && [ "$body" = "$HELLO1" ] && [ -z "$head" ]'
-mapfile -t steps < <(tokens two-step)
-out=$(curl -sS --max-time 20 -i -w '\ncode=%{http_code} connects=%{num_connects}\n' -H "Authorization: Negotiate ${steps[0]:-}" "$URL" \
-  --next -sS --max-time 20 -i -w '\ncode=%{http_code} connects=%{num_connects}\n' -H "Authorization: Negotiate ${steps[1]:-}" "$URL" | tr -d '\r')
-check "two round trips on one connection: 401 with a token, then 200" 'grep -q "^code=401 connects=1$" <<<"$out" && grep -Eq "$REPLY" <<<"$out" && grep -q "^code=200 connects=0$" <<<"$out" && grep -qx "$HELLO1" <<<"$out"'
+check "a bare Kerberos token without mutual authentication: 200, nothing to reply" '[ "$code" = 200 ] && [ "$body" = "$HELLO1" ] && [ -z "$head" ]'
 
 raw() {  # FD TOKEN: one request on an open connection; sets raw_code and raw_body
   local line length=0
@@ -94,16 +74,6 @@ negotiate "${steps[1]:-}"
 raw 3 "${steps[1]:-}"
 exec 3<&-
 check "an unfinished login is reached only from its own connection" '[ "$held" = 401 ] && [ "$code" = 401 ] && [ "$raw_code" = 200 ] && [ "$raw_body" = "$HELLO1$NL" ]'
-pids=()
-for i in 1 2 3 4 5 6 7 8; do
-  if [ $((i % 2)) = 0 ]; then cc=$ALICE want=$HELLO1; else cc=$BOB want=$HELLO2; fi
-  ( [ "$(KRB5CCNAME=$cc curl -sS --max-time 20 --negotiate -u : "$URL")" = "$want" ] ) &
-  pids+=($!)
-done
-bad=0
-for p in "${pids[@]}"; do wait "$p" || bad=$((bad + 1)); done
-fetch "$ALICE" --negotiate -u :
-check "8 logins at once, each named right, and healthy afterwards" '[ "$bad" = 0 ] && [ "$code" = 200 ]'
 
 # A clean stop with logins left half-way, on a closed connection and on one still open; a sanitizer's leak
 # report would make the exit status non-zero.

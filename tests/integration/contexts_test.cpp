@@ -80,6 +80,7 @@ TEST_F(Contexts, BadCallsGiveAStatusARecordAndNoOutput) {
     } rows[] = {
         {"start a login", [&] { return plugin.SSOStartLogin(OSTREL_T("a"), OSTREL_T("p"), kThread, nullptr, &pKey, &pBuffer, &nLength); }, 101, 42254},
         {"accept a login", [&] { return plugin.SSOAcceptLogin(OSTREL_T(""), kThread, token, 3, &pBuffer, &nLength, &pParams, &pKey); }, 101, 42254},
+        {"a token that is not there", [&] { return plugin.SSOAcceptLogin(nullptr, kThread, nullptr, 16, &pBuffer, &nLength, &pParams, &pKey); }, 100, 42254},
         {"a made-up key", [&] { return plugin.SSOContinueLogin(OSTREL_T("12345"), token, 3, &pBuffer, &nLength); }, 100, 42254},
         {"the client's literal", [&] { return plugin.SSOContinueLogin(SSO_DUMMY_KEY, token, 3, &pBuffer, &nLength); }, 100, 42254},
         {"no key", [&] { return plugin.SSOContinueLogin(nullptr, token, 3, &pBuffer, &nLength); }, 100, 42254},

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 #include <thread>
 
 #include "integration/Plugin.h"
@@ -14,24 +15,20 @@ namespace {
 
 // In a child of its own: load, start, capture, unload; nothing of the library may run on.
 int UnloadUnterminated(int i_nContexts) {
-    void* pLibrary = ::dlopen(OSTREL_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-    auto init = reinterpret_cast<decltype(&::SSOInitPackage)>(::dlsym(pLibrary, "SSOInitPackage"));
-    auto provider = reinterpret_cast<decltype(&::SSOInitProvider)>(::dlsym(pLibrary, "SSOInitProvider"));
-    auto capture = reinterpret_cast<decltype(&::SSOAcquireCurrentSecurityContext)>(
-        ::dlsym(pLibrary, "SSOAcquireCurrentSecurityContext"));
-    init();
-    provider(SSO_PROVIDER_THREADTOKEN, nullptr);
+    auto pPlugin = std::make_unique<ostrel_test::Plugin>();
+    pPlugin->SSOInitPackage();
+    pPlugin->SSOInitProvider(SSO_PROVIDER_THREADTOKEN, nullptr);
     // On a thread that ends first: a live thread's thread-local data would keep the library loaded.
     std::thread([&] {
         for (int i = 0; i < i_nContexts; ++i) {
             ostrel_char* pKey = nullptr;
-            capture(SSO_PROVIDER_THREADTOKEN, nullptr, &pKey);
-            std::free(pKey);
+            pPlugin->SSOAcquireCurrentSecurityContext(SSO_PROVIDER_THREADTOKEN, nullptr, &pKey);
+            pPlugin->SSOFreeString(pKey);
         }
     }).join();
     auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
     const auto nLoaded = threads();  // this one, the cleaner, and what a sanitizer runs
-    ::dlclose(pLibrary);
+    pPlugin.reset();
     if (::dlopen(OSTREL_PLUGIN_PATH, RTLD_NOW | RTLD_NOLOAD) != nullptr) {
         return 4;  // still loaded: nothing was tried
     }

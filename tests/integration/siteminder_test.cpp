@@ -41,26 +41,17 @@ constexpr uint32_t kLeftOut = 0;
 
 #if !defined(_WIN32)
 // The stand-in policy server as a child process, stopped by its PID; it ends with the test in any case.
-class PolicyServer {
-public:
-    explicit PolicyServer(int i_nPort = 0) {
-        m_pOutput = ::popen(
-            ("exec '" OSTREL_STANDIN_SERVER "' '" OSTREL_STANDIN_CONFIG "' " + std::to_string(i_nPort)).c_str(), "r");
-        if (m_pOutput == nullptr || std::fscanf(m_pOutput, "%d %d", &m_nPort, &m_pid) != 2) m_nPort = 0;
+struct PolicyServer {
+    PolicyServer() : pOutput(::popen("exec '" OSTREL_STANDIN_SERVER "' '" OSTREL_STANDIN_CONFIG "'", "r")) {
+        if (pOutput == nullptr || std::fscanf(pOutput, "%d %d", &nPort, &pid) != 2) nPort = 0;
     }
-    ~PolicyServer() { Stop(); }
-    void Stop() {
-        if (m_pOutput != nullptr) {
-            if (m_pid > 0) ::kill(m_pid, SIGKILL);
-            ::pclose(std::exchange(m_pOutput, nullptr));
-        }
+    ~PolicyServer() {
+        if (pid > 0) ::kill(pid, SIGKILL);
+        if (pOutput != nullptr) ::pclose(pOutput);
     }
-    int port() const { return m_nPort; }
-
-private:
-    FILE* m_pOutput = nullptr;
-    int m_nPort = 0;
-    pid_t m_pid = 0;
+    FILE* pOutput;
+    int nPort = 0;
+    pid_t pid = 0;
 };
 std::unique_ptr<PolicyServer> s_pServer;
 #endif
@@ -80,7 +71,7 @@ protected:
 #if defined(_WIN32)
         std::ifstream(OSTREL_STANDIN_PORT_FILE) >> s_nPort;  // a ctest fixture runs it beside Wine
 #else
-        s_nPort = (s_pServer = std::make_unique<PolicyServer>())->port();
+        s_nPort = (s_pServer = std::make_unique<PolicyServer>())->nPort;
 #endif
     }
     void SetUp() override {
@@ -130,29 +121,6 @@ protected:
         }
         return result;
     }
-    // Four threads verify on the handle; i_event runs once they have verified 20 times, and each thread goes on
-    // until it has verified 5 times after it. i_check judges each status, knowing whether its call began after.
-    template <class Event, class Check>
-    void VerifyAround(CExternalSSO* i_handle, Event i_event, Check i_check) {
-        std::atomic<int> nVerified{0};
-        std::atomic<bool> bAfter{false};
-        std::promise<void> started;
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&] {
-                for (int nAfter = 0; nAfter < 5;) {
-                    const bool bBeganAfter = bAfter;
-                    i_check(Verify(i_handle, u"good").first, bBeganAfter);
-                    nAfter += bBeganAfter ? 1 : 0;
-                    if (++nVerified == 20) started.set_value();
-                }
-            });
-        }
-        EXPECT_EQ(started.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-        i_event();
-        bAfter = true;
-        for (std::thread& thread : threads) thread.join();
-    }
     // The calling thread's record, taken; {0, 0} when there is none.
     Record TakeRecord() {
         Plugin_Exception_Struct* pError = nullptr;
@@ -169,8 +137,8 @@ protected:
     Plugin plugin;
 };
 
-// Before SSOInitPackage, as after it: nothing of this needs the plug-in started.
-TEST_F(ExternalSSO, SeveralHandlesBeforeInitPackage) {
+// Handles are made before SSOInitPackage, as after it: nothing of this needs the plug-in started.
+TEST_F(ExternalSSO, SeveralHandlesBeforeInitPackageAndTheTokensTheyVerify) {
     ASSERT_EQ(plugin.SSOTermPackage(), 0u);
     CExternalSSO *pFirst = nullptr, *pSecond = nullptr;
     ASSERT_EQ(Create(Standard(), &pFirst), 0u);
@@ -181,6 +149,25 @@ TEST_F(ExternalSSO, SeveralHandlesBeforeInitPackage) {
     EXPECT_EQ(Create(With(Standard(), {kVendor, kNumber, u"2"}), &pFirst), 113u);
     ASSERT_EQ(plugin.SSOInitPackage(), 0u);
     EXPECT_EQ(TakeRecord(), Record(0, 0));  // a failure before the start is only a status
+    const std::pair<const char*, Result> good[] = {
+        {"good", {0, u"alice"}},         {"no-limits", {0, u"carol"}},
+        {"largest", {0, u"dave"}},       {"twice", {0, u"erin"}},
+        {"idle-within", {0, u"alice"}},  {"session-within", {0, u"alice"}},
+        {"access-later", {0, u"alice"}}, {"unicode", {0, u"J\u00FCrgen \u03A9mega \u65E5\u672C \U0001F600"}}};
+    for (const auto& [token, result] : good) EXPECT_EQ(Verify(pFirst, Wide(token)), result) << token;
+    // Refused for their times, attributes, decoding or text; the host learns only the status.
+    for (const char* token :
+         {"idle-over", "session-over", "no-name", "no-idle", "no-session", "no-start", "no-last", "empty-name",
+          "null-name", "not-a-number", "overflow", "negative", "nothing", "refused", "unknown"}) {
+        EXPECT_EQ(Verify(pFirst, Wide(token)), Result(100, u"")) << token;
+        EXPECT_EQ(TakeRecord(), Record(0, 0)) << token;
+    }
+    EXPECT_EQ(Verify(pFirst, std::u16string(1 << 20, u'a')), Result(100, u""));
+    EXPECT_EQ(Verify(pFirst, u"\xD800good"), Result(100, u""));
+    EXPECT_EQ(Verify(pFirst, u""), Result(113, u""));
+    EXPECT_EQ(plugin.ExternalSSOVerifyUser(pFirst, nullptr, nullptr), 113u);
+    EXPECT_EQ(plugin.ExternalSSOVerifyUser(pFirst, OSTREL_T("good"), nullptr), 113u);
+    EXPECT_EQ(TakeRecord(), Record(0, 0));
     EXPECT_EQ(plugin.ExternalSSODestroyHandle(pFirst), 0u);
     EXPECT_EQ(Verify(pSecond, u"twice"), Result(0, u"erin"));
     EXPECT_EQ(plugin.ExternalSSODestroyHandle(pSecond), 0u);
@@ -203,7 +190,6 @@ TEST_F(ExternalSSO, RefusedHandlesLeaveNothingOpen) {
     } cases[] = {
         {"wrong secret", {kSecret, kText, kWrongSecret}, nullptr, {113, 49444}},
         {"plain secret", {kSecret, kText, u"s3cret"}, nullptr, {113, 49444}},
-        {"unknown agent", {kAgent, kText, u"agent3"}, nullptr, {113, 49444}},
         {"agent of 255 bytes", {kAgent, kText, k255Bytes}, nullptr, {113, 49444}},
         {"agent of 256 bytes", {kAgent, kText, k255Bytes + u"a"}, nullptr, {113, 49448}},
         {"host of 256 bytes", {kServers, kText, std::u16string(256, u'h') + u":1:2:3"}, nullptr, {113, 49447}},
@@ -221,17 +207,16 @@ TEST_F(ExternalSSO, RefusedHandlesLeaveNothingOpen) {
         {"no vendor", {kVendor, kLeftOut, u""}, nullptr, {113, 49446}},
         {"vendor as text", {kVendor, kText, u"1"}, nullptr, {113, 42038}},
         {"three elements", {kServers, kText, u"127.0.0.1:1:@"}, nullptr, {113, 49443}},
-        {"five elements", {kServers, kText, u"127.0.0.1:1:@:3:4"}, nullptr, {113, 49443}},
         {"port not a number", {kServers, kText, u"127.0.0.1:1:@:x"}, nullptr, {113, 49443}},
         {"no server answers", {kServers, kText, u"127.0.0.1:1:1:1"}, nullptr, {113, 49443}},
         {"blanks only", {kServers, kText, u"   "}, nullptr, {113, 49443}},
         {"dangling escape", {kServers, kText, u"127.0.0.1:1:2:3^"}, nullptr, {100, 42254}},
     };
-    // Trace from a fresh start on, to see what the failures name.
+    // Trace from a fresh start on, to see what the starts and failures name.
     const std::string tracePath = "ostrel-siteminder-trace." + std::to_string(std::time(nullptr));
     ScopedEnv trace("OSTREL_TRACE", tracePath.c_str());
     ASSERT_EQ(plugin.SSOTermPackage(), 0u);
-    ASSERT_EQ(plugin.SSOInitPackage(), 0u);
+    ASSERT_EQ(plugin.SSOInitPackage() + plugin.SSOInitPackage() + plugin.SSOTermPackage(), 0u);
     for (const auto& c : cases) {
         ScopedEnv library("OSTREL_SITEMINDER_LIBRARY", c.library != nullptr ? c.library : OSTREL_STANDIN_AGENT);
         CExternalSSO* pHandle = reinterpret_cast<CExternalSSO*>(&m_agent);  // stays as it is
@@ -243,15 +228,23 @@ TEST_F(ExternalSSO, RefusedHandlesLeaveNothingOpen) {
         EXPECT_EQ(OpenAgentHandles(), 0) << c.what;
     }
     EXPECT_EQ(plugin.ExternalSSOCreateHandle(nullptr, nullptr), 113u);
-    trace.set(nullptr);
-    ASSERT_EQ(plugin.SSOTermPackage(), 0u);
-    ASSERT_EQ(plugin.SSOInitPackage(), 0u);
-    std::ifstream file(tracePath);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    trace.set(nullptr);  // the next start turns trace off: not one more byte
+    ASSERT_EQ(plugin.SSOTermPackage() + plugin.SSOInitPackage(), 0u);
+    const auto read = [&] {
+        std::ifstream file(tracePath);
+        return std::string{std::istreambuf_iterator<char>(file), {}};
+    };
+    const std::string text = read();
+    CExternalSSO* pHandle = nullptr;
+    EXPECT_EQ(Create(With(Standard(), {kAgent, kText, k255Bytes + u"a"}), &pHandle), 113u);
+    EXPECT_EQ(read(), text);
     std::remove(tracePath.c_str());
     const std::string library(OSTREL_STANDIN_AGENT_NODECODE);
-    for (const std::string& expected : {std::string("no-such-agent-library"), std::string("Sm_AgentApi_DecodeSSOToken"),
-                                        library.substr(library.find_last_of("/\\") + 1)})
+    for (const std::string& expected :
+         {std::string("no-such-agent-library"), std::string("Sm_AgentApi_DecodeSSOToken"),
+          library.substr(library.find_last_of("/\\") + 1),
+          std::string("ssoplugin: SSOImpl::Initialize() -- Successfully initialized.  Refcount is now 1\n"),
+          std::string("ssoplugin: SSOImpl::Initialize() -- Already initialized; incrementing refcount (2)\n")})
         EXPECT_NE(text.find(expected), std::string::npos) << expected << " not in:\n" << text;
 }
 
@@ -271,7 +264,6 @@ TEST_F(ExternalSSO, ServerListsAsTheAgentReceivesThem) {
         {u"a^^b:1:2:3 127.0.0.1:1:@:3", u"1", 0, {"a^b:1:2:3", live}},
         {u"a^b:1:2:3 127.0.0.1:1:@:3", u"1", 0, {"a^b:1:2:3", live}},
         {u"  127.0.0.1::1:@:3   sm2:0:1:99999  ", u"1", 0, {live, "sm2:0:1:99999"}},
-        {u"127.0.0.1:1:1:3 127.0.0.1:1:@:3", u"1", 0, {"127.0.0.1:1:1:3", live}},
         {std::u16string(255, u'h') + u":1:2:3 127.0.0.1:1:@:3", u"1", 0, {std::string(255, 'h') + ":1:2:3", live}},
     };
     for (const auto& c : cases) {
@@ -286,47 +278,34 @@ TEST_F(ExternalSSO, ServerListsAsTheAgentReceivesThem) {
     }
 }
 
-TEST_F(ExternalSSO, TokensAndTheirSessionTimes) {
-    CExternalSSO* pHandle = nullptr;
-    ASSERT_EQ(Create(Standard(), &pHandle), 0u);
-    const std::pair<const char*, Result> good[] = {
-        {"good", {0, u"alice"}},         {"no-limits", {0, u"carol"}},
-        {"largest", {0, u"dave"}},       {"twice", {0, u"erin"}},
-        {"idle-within", {0, u"alice"}},  {"session-within", {0, u"alice"}},
-        {"access-later", {0, u"alice"}}, {"unicode", {0, u"J\u00FCrgen \u03A9mega \u65E5\u672C \U0001F600"}}};
-    for (const auto& [token, result] : good) EXPECT_EQ(Verify(pHandle, Wide(token)), result) << token;
-    // Refused for their times, attributes, decoding or text; the host learns only the status.
-    for (const char* token :
-         {"idle-over", "session-over", "no-name", "no-idle", "no-session", "no-start", "no-last", "empty-name",
-          "null-name", "not-a-number", "overflow", "negative", "nothing", "refused", "unknown"}) {
-        EXPECT_EQ(Verify(pHandle, Wide(token)), Result(100, u"")) << token;
-        EXPECT_EQ(TakeRecord(), Record(0, 0)) << token;
-    }
-    EXPECT_EQ(Verify(pHandle, std::u16string(1 << 20, u'a')), Result(100, u""));
-    EXPECT_EQ(Verify(pHandle, u"\xD800good"), Result(100, u""));
-    EXPECT_EQ(Verify(pHandle, u""), Result(113, u""));
-    EXPECT_EQ(plugin.ExternalSSOVerifyUser(pHandle, nullptr, nullptr), 113u);
-    EXPECT_EQ(plugin.ExternalSSOVerifyUser(pHandle, OSTREL_T("good"), nullptr), 113u);
-    EXPECT_EQ(TakeRecord(), Record(0, 0));
-    EXPECT_EQ(plugin.ExternalSSODestroyHandle(pHandle), 0u);
-}
-
-// Threads verify on one handle while two others destroy it: every call is answered, none after the end succeeds.
+// Four threads verify on one handle while two others destroy it: every call is answered, none begun after the end
+// succeeds. Each thread goes on until it has verified 5 times after the end.
 TEST_F(ExternalSSO, DestroyRacesVerification) {
     for (int round = 0; round < 5; ++round) {
         CExternalSSO* pHandle = nullptr;
         ASSERT_EQ(Create(Standard(), &pHandle), 0u);
-        unsigned int first = 0, second = 0;
-        VerifyAround(
-            pHandle,
-            [&] {
-                std::thread other([&] { second = plugin.ExternalSSODestroyHandle(pHandle); });
-                first = plugin.ExternalSSODestroyHandle(pHandle);
-                other.join();
-            },
-            [](unsigned int i_status, bool i_bAfter) {
-                EXPECT_TRUE(i_status == 113u || (!i_bAfter && (i_status == 0u || i_status == 110u))) << i_status;
+        std::atomic<int> nVerified{0};
+        std::atomic<bool> bDestroyed{false};
+        std::promise<void> started;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                for (int nAfter = 0; nAfter < 5;) {
+                    const bool bAfter = bDestroyed;
+                    const unsigned int status = Verify(pHandle, u"good").first;
+                    EXPECT_TRUE(status == 113u || (!bAfter && (status == 0u || status == 110u))) << status;
+                    nAfter += bAfter ? 1 : 0;
+                    if (++nVerified == 20) started.set_value();
+                }
             });
+        }
+        EXPECT_EQ(started.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+        unsigned int first = 0, second = 0;
+        std::thread other([&] { second = plugin.ExternalSSODestroyHandle(pHandle); });
+        first = plugin.ExternalSSODestroyHandle(pHandle);
+        other.join();
+        bDestroyed = true;
+        for (std::thread& thread : threads) thread.join();
         // Both may pass the look-up; at least one removes the handle.
         EXPECT_TRUE((first == 0u || second == 0u) && (first | second | 113u) == 113u) << first << " " << second;
         EXPECT_EQ(OpenAgentHandles(), 0);
@@ -334,23 +313,17 @@ TEST_F(ExternalSSO, DestroyRacesVerification) {
 }
 
 #if !defined(_WIN32)
-// The policy server goes while threads verify: 110 with its record from then on; a new handle connects anew.
-TEST_F(ExternalSSO, ServerKilledWhileThreadsVerify) {
+// The policy server goes: 110 with its record from then on.
+TEST_F(ExternalSSO, ALostServerIsAFailureWithItsRecord) {
     auto pServer = std::make_unique<PolicyServer>();
     CExternalSSO* pHandle = nullptr;
-    ASSERT_EQ(Create(Standard(u"127.0.0.1:1:@:3", pServer->port()), &pHandle), 0u);
-    VerifyAround(
-        pHandle, [&] { pServer->Stop(); },
-        [this](unsigned int i_status, bool i_bAfter) {
-            thread_local bool bLost = false;  // lost for good, and for all that begins after
-            bLost = bLost || i_status == 110u;
-            EXPECT_EQ(i_status, bLost || i_bAfter ? 110u : 0u);
-            EXPECT_EQ(TakeRecord(), bLost ? Record(110, 42254) : Record(0, 0));
-        });
-    EXPECT_EQ(plugin.ExternalSSODestroyHandle(pHandle), 0u);
-    pServer = std::make_unique<PolicyServer>(pServer->port());
-    ASSERT_EQ(Create(Standard(u"127.0.0.1:1:@:3", pServer->port()), &pHandle), 0u);
+    ASSERT_EQ(Create(Standard(u"127.0.0.1:1:@:3", pServer->nPort), &pHandle), 0u);
     EXPECT_EQ(Verify(pHandle, u"good"), Result(0, u"alice"));
+    pServer.reset();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(Verify(pHandle, u"good"), Result(110, u""));
+        EXPECT_EQ(TakeRecord(), Record(110, 42254));
+    }
     EXPECT_EQ(plugin.ExternalSSODestroyHandle(pHandle), 0u);
 }
 #endif

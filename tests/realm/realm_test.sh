@@ -26,18 +26,12 @@ fixture)
   done <"$dir/env"
   export KRB5CCNAME=FILE:$dir/selftest.ccache
   realm kinit "$dir" "$OSTREL_USER1" --ccache "$KRB5CCNAME" --lifetime 7d --renewable 30d || fail "kinit"
-  kvno "$OSTREL_SPN" >/dev/null || fail "kvno $OSTREL_SPN"
   line=$(klist | grep -m1 'krbtgt/')
   life=$(( $(date -d "$(awk '{print $3, $4}' <<<"$line")" +%s) - $(date -d "$(awk '{print $1, $2}' <<<"$line")" +%s) ))
   [ "$life" -le $(( ${3%m} * 60 )) ] && [ "$life" -ge $(( ${3%m} * 60 - 5 )) ] || fail "7d asked, $life s given: max life $3"
-  keys=$(klist -k "$KRB5_KTNAME")
-  grep -qF " $OSTREL_SPN_HOST@" <<<"$keys" && ! grep -qF "$OSTREL_SPN_NO_KEY@" <<<"$keys" || fail "keytab: $keys"
-  kvno "$OSTREL_SPN_NO_KEY" >/dev/null || fail "the KDC does not know $OSTREL_SPN_NO_KEY"
-  kinit -c "FILE:$dir/selftest2.ccache" "$OSTREL_USER2" <<<"$OSTREL_PASS2" >/dev/null || fail "kinit $OSTREL_USER2"
   fails_with "Password incorrect" realm kinit "$dir" "$OSTREL_USER1" --ccache "$KRB5CCNAME" --password wrong
-  fails_with "not found in Kerberos database" realm kinit "$dir" carol --ccache "$KRB5CCNAME" --password x
   kdestroy -A
-  ok "environment, kinit, kvno, keytab, lifetime cap ($3), refusals" ;;
+  ok "environment, kinit, lifetime cap ($3), a wrong password refused" ;;
 lifecycle)
   base=$(mktemp -d "$3/lifecycle.XXXXXX")
   trap 'for d in "$base"/*/; do realm destroy "$d" >/dev/null 2>&1 || true; done; rm -rf "$base"' EXIT
@@ -46,7 +40,6 @@ lifecycle)
   port=$(sed -n 's/^OSTREL_KDC_PORT=//p' "$a/env")
   [ "$(kdcs "$a")" = "$(cat "$a/kdc.pid")" ] || fail "kdc.pid is not the KDC"
   realm stop-kdc "$a" && realm stop-kdc "$a" && [ -z "$(kdcs "$a")" ] || fail "stop-kdc"
-  fails_with "Cannot contact any KDC" realm kinit "$a" alice
   realm start-kdc "$a" && realm kinit "$a" bob || fail "start-kdc"
   fails_with "already running" realm start-kdc "$a"
   ok "stop-kdc, start-kdc on port $port"

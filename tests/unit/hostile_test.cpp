@@ -36,19 +36,6 @@ using ostrel_test::WaitUntil;
 
 namespace {
 
-TEST(Hostile, ATokenThatIsNotThereIsRefusedBeforeAnyProviderSeesIt) {
-    ASSERT_EQ(SSOInitPackage(), 0u);
-    void* pOut = nullptr;
-    size_t nOut = 0;
-    ostrel_char* pKey = nullptr;
-    Plugin_Exception_Struct* pError = nullptr;
-    EXPECT_EQ(SSOAcceptLogin(nullptr, SSO_PROVIDER_THREADTOKEN, nullptr, 16, &pOut, &nOut, nullptr, &pKey), 100u);
-    ASSERT_EQ(SSOGetError(100, &pError), 0u);
-    EXPECT_EQ(pError->messageId, static_cast<uint32_t>(MSG_DEFAULT));
-    SSOFreeError(pError);
-    SSOTermPackage();
-}
-
 TEST(HostileSessions, IdleOnesGoAndTheirNumberIsBounded) {
     CSmartRefCountPtr<SSOHandler> pHandler{new ThreadTokenHandler()};
     auto create = [&](SessionCache& io_cache) {
