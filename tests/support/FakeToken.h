@@ -166,6 +166,17 @@ bool WaitUntil(Condition i_condition, std::chrono::milliseconds i_limit = std::c
     return true;
 }
 
+// What an SSOException thrown by the call carried: its status and message id, or {0, 0} when none was thrown.
+template <class F>
+std::pair<uint32_t, uint32_t> Thrown(F i_call) {
+    try {
+        i_call();
+    } catch (const SSOException& e) {
+        return {e.GetCode(), e.GetMessageId()};
+    }
+    return {0, 0};
+}
+
 inline std::string Narrow(const SWCharString& i_ss) { return ToAnsiString(i_ss.c_str()).c_str(); }
 
 }  // namespace ostrel_test

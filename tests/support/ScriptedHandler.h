@@ -13,14 +13,11 @@
 namespace ostrel_test {
 
 struct ScriptStep {
-    ScriptStep(std::string i_op = "", int i_status = 0, std::string i_token = "", uint32_t i_nThrow = 0,
-               const char* i_pUser = nullptr)
-        : op(std::move(i_op)), status(i_status), token(std::move(i_token)), nThrow(i_nThrow), user(i_pUser) {}
-    std::string op;     // "Initialize", "Accept" or "Acquire"
-    int status;         // what the call returns
-    std::string token;  // the output token it hands over
-    uint32_t nThrow;    // above 0: throws SSOException with this status instead
-    const char* user;   // Accept: the logon facts it gives, if asked for
+    std::string op{};            // "Initialize", "Accept" or "Acquire"
+    int status = 0;              // what the call returns
+    std::string token{};         // the output token it hands over
+    uint32_t nThrow = 0;         // above 0: throws SSOException with this status instead
+    const char* user = nullptr;  // Accept: the logon facts it gives, if asked for
 };
 
 class ScriptedHandler : public FakeHandler {

@@ -14,6 +14,7 @@ using namespace ostrel;
 using ostrel_test::FakeToken;
 using ostrel_test::Narrow;
 using ostrel_test::ScopedFakeProvider;
+using ostrel_test::Thrown;
 using ostrel_test::WaitUntil;
 using TokenPtr = CSmartRefCountPtr<FakeToken>;
 
@@ -23,16 +24,6 @@ constexpr int64_t kMin = 60 * 1000;
 constexpr int64_t kHour = 60 * kMin;
 const SDateTime T0 = SDateTime::FromMilliseconds(1700000000000);
 SDateTime At(int64_t i_nMs) { return T0 + STimeSpan(i_nMs); }
-
-template <class F>
-std::pair<uint32_t, uint32_t> Failure(F i_call) {
-    try {
-        i_call();
-    } catch (const SSOException& e) {
-        return {e.GetCode(), e.GetMessageId()};
-    }
-    return {0, 0};
-}
 
 class Cache : public ::testing::Test {
 protected:
@@ -92,7 +83,7 @@ TEST_F(Cache, ExpiryByConfigurationAndByTheMechanism) {
         m_capture.clear();
     }
     TokenPtr pLost{new FakeToken(SWCharString(OSTREL_T("NO_SUCH_PROVIDER")))};
-    EXPECT_EQ(Failure([&] { pLost->ExpiredByConfiguration(At(0)); }), std::make_pair(100u, uint32_t{MSG_NO_HANDLER}));
+    EXPECT_EQ(Thrown([&] { pLost->ExpiredByConfiguration(At(0)); }), std::make_pair(100u, uint32_t{MSG_NO_HANDLER}));
     EXPECT_FALSE(pLost->Renegotiate(At(0)));
     EXPECT_TRUE(m_capture.hasLineEndingWith("ASSERT(0) ssoplugin: StaticToken::Renegotiate() -- Caught an exception!"));
 }
@@ -145,13 +136,15 @@ TEST_F(Cache, RenewalOnlyWithinTheThresholdAndTheSettings) {
     }
 }
 
-TEST_F(Cache, KeysReferencesAndLookups) {
+TEST_F(Cache, KeysReferencesLookupsAndRemoval) {
     TokenPtr pToken = NewToken();
     const SWCharString ssKey = Insert(pToken);
     EXPECT_EQ(Narrow(ssKey), std::to_string(pToken->GetKey()));
     EXPECT_TRUE(Insert(pToken) == ssKey);  // once in, however often inserted
     EXPECT_EQ(m_capture.count("SecContextCache::Insert() -- 1 contexts now in cache."), 2u);
-    EXPECT_FALSE(Insert(NewToken()) == ssKey);
+    TokenPtr pOther = NewToken();
+    const SWCharString ssOther = Insert(pOther);
+    EXPECT_FALSE(ssOther == ssKey);
     m_pCache->StopUpdateThread();  // a scan's copy of the map would keep the token alive a moment longer
     EXPECT_TRUE(Traced("SecContextCache::Insert() -- 2 contexts now in cache."));
     pToken = nullptr;
@@ -161,15 +154,36 @@ TEST_F(Cache, KeysReferencesAndLookups) {
     EXPECT_FALSE(m_pCache->Release(ssKey));
 
     // Unknown keys, the literals among them, fail each operation in its own way.
+    CSmartRefCountPtr<StaticToken> pOut;
     for (const ostrel_char* pKey : {OSTREL_T("host-key"), OSTREL_T("DUMMY_KEY__CACHING_IS_OFF"), OSTREL_T("DUMMY_KEY")}) {
         const SWCharString ssUnknown(pKey);
-        EXPECT_FALSE(m_pCache->Lookup(ssUnknown));
-        EXPECT_EQ(Failure([&] { m_pCache->Impersonate(ssUnknown); }), std::make_pair(100u, uint32_t{MSG_NO_TOKEN}));
-        EXPECT_EQ(Failure([&] { m_pCache->Revert(ssUnknown); }), std::make_pair(100u, uint32_t{MSG_TOKEN_NOT_FOUND}));
+        EXPECT_FALSE(m_pCache->Lookup(ssUnknown) || m_pCache->Remove(ssUnknown, pOut));
+        EXPECT_EQ(Thrown([&] { m_pCache->Impersonate(ssUnknown); }), std::make_pair(100u, uint32_t{MSG_NO_TOKEN}));
+        EXPECT_EQ(Thrown([&] { m_pCache->Revert(ssUnknown); }), std::make_pair(100u, uint32_t{MSG_TOKEN_NOT_FOUND}));
         EXPECT_FALSE(m_pCache->AddAssociation(ssUnknown, SWCharString(OSTREL_T("x"))));
     }
     EXPECT_TRUE(Traced("ContextManager::Impersonate() -- token for host-key not found or expired."));
     EXPECT_EQ(m_pCache->GetCount(), 1u);
+    EXPECT_TRUE(m_pCache->Remove(ssOther, pOut) && pOut.get() == pOther.get() && !m_pCache->Lookup(ssOther));
+
+    const SWCharString ssBusy = Insert(NewToken());
+    m_pCache->Impersonate(ssBusy);
+    EXPECT_TRUE(m_pCache->Release(ssBusy));  // open impersonations do not hold it
+    Insert(NewToken());
+    Insert(NewToken());
+    m_pCache->StopUpdateThread();
+    m_pCache->ReleaseAll();
+    EXPECT_EQ(m_pCache->GetCount(), 0u);
+    EXPECT_EQ(m_nDestroyed, 4);
+    Insert(NewToken());
+    m_pCache->StopUpdateThread();
+    m_pCache = nullptr;
+    EXPECT_TRUE(Traced("SecContextCache::~SecContextCache() -- Shutting down cleanly with 1 cached contexts"));
+    EXPECT_EQ(m_nDestroyed, 5);
+    m_pCache = CSmartRefCountPtr<SecContextCache>(new SecContextCache(false));
+    EXPECT_EQ(Thrown([] { CSmartRefCountPtr<ContextManager> p{new ContextManager(nullptr)}; }),
+              std::make_pair(100u, uint32_t{MSG_DEFAULT}));
+    EXPECT_TRUE(m_capture.hasLineEndingWith("ASSERT(m_pContextCache)"));
 }
 
 TEST_F(Cache, ExpiredOrImpersonatedTokensAndAssociations) {
@@ -180,13 +194,13 @@ TEST_F(Cache, ExpiredOrImpersonatedTokensAndAssociations) {
     m_pCache->Impersonate(ssKey);
     EXPECT_EQ(pToken->GetImpersonationCount(), 1);
     pToken->m_bImpersonateFails = true;  // the token's own failure passes through unchanged
-    EXPECT_EQ(Failure([&] { m_pCache->Impersonate(ssKey); }), std::make_pair(100u, uint32_t{MSG_IMPERSONATION}));
+    EXPECT_EQ(Thrown([&] { m_pCache->Impersonate(ssKey); }), std::make_pair(100u, uint32_t{MSG_IMPERSONATION}));
     pToken->m_bImpersonateFails = false;
     // Past the configured limit, then past the credential: refused, kept, and revertable.
     for (int i = 0; i < 2; ++i) {
         i == 0 ? m_provider->SetCacheExpiry(1000) : pToken->ExpireIn(-1);
         EXPECT_FALSE(m_pCache->Lookup(ssKey));
-        EXPECT_EQ(Failure([&] { m_pCache->Impersonate(ssKey); }), std::make_pair(100u, uint32_t{MSG_NO_TOKEN}));
+        EXPECT_EQ(Thrown([&] { m_pCache->Impersonate(ssKey); }), std::make_pair(100u, uint32_t{MSG_NO_TOKEN}));
         m_provider->SetCacheExpiry(24 * kHour);
     }
     EXPECT_EQ(pToken->m_nImpersonateCalls, 2);
@@ -197,40 +211,12 @@ TEST_F(Cache, ExpiredOrImpersonatedTokensAndAssociations) {
     EXPECT_EQ(m_pCache->GetCount(), 2u);
     m_pCache->Revert(kA);
     EXPECT_EQ(pToken->GetImpersonationCount(), 0);
-    EXPECT_EQ(Failure([&] { m_pCache->Revert(ssKey); }), std::make_pair(100u, uint32_t{MSG_TOKEN_NOT_FOUND}));
+    EXPECT_EQ(Thrown([&] { m_pCache->Revert(ssKey); }), std::make_pair(100u, uint32_t{MSG_TOKEN_NOT_FOUND}));
 
     // Onto a taken key: the token there loses the cache's reference.
     EXPECT_TRUE(m_pCache->AddAssociation(kA, kB));
     EXPECT_EQ(m_nDestroyed, 1);
     EXPECT_EQ(m_pCache->GetCount(), 1u);
-}
-
-TEST_F(Cache, ReleaseRemoveAndTheEnd) {
-    TokenPtr pToken = NewToken();
-    const SWCharString ssKey = Insert(pToken);
-    CSmartRefCountPtr<StaticToken> pOut;
-    EXPECT_FALSE(m_pCache->Remove(SWCharString(OSTREL_T("x")), pOut));
-    EXPECT_TRUE(m_pCache->Remove(ssKey, pOut));
-    EXPECT_EQ(pOut.get(), pToken.get());
-    EXPECT_FALSE(m_pCache->Lookup(ssKey));
-    const SWCharString ssBusy = Insert(NewToken());
-    m_pCache->Impersonate(ssBusy);
-    EXPECT_TRUE(m_pCache->Release(ssBusy));  // open impersonations do not hold it
-    Insert(NewToken());
-    Insert(NewToken());
-    m_pCache->StopUpdateThread();  // a scan's copy of the map would keep them alive a moment longer
-    m_pCache->ReleaseAll();
-    EXPECT_EQ(m_pCache->GetCount(), 0u);
-    EXPECT_EQ(m_nDestroyed, 3);
-    Insert(NewToken());
-    m_pCache->StopUpdateThread();
-    m_pCache = nullptr;
-    EXPECT_TRUE(Traced("SecContextCache::~SecContextCache() -- Shutting down cleanly with 1 cached contexts"));
-    EXPECT_EQ(m_nDestroyed, 4);
-    m_pCache = CSmartRefCountPtr<SecContextCache>(new SecContextCache(false));
-    EXPECT_EQ(Failure([] { CSmartRefCountPtr<ContextManager> p{new ContextManager(nullptr)}; }),
-              std::make_pair(100u, uint32_t{MSG_DEFAULT}));
-    EXPECT_TRUE(m_capture.hasLineEndingWith("ASSERT(m_pContextCache)"));
 }
 
 TEST_F(Cache, AScanRemovesRenewsAndSkipsAsItShould) {
