@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "integration/Identity.h"
+#include "platform/linux/GssKrb5.h"
+#include "platform/linux/KerberosResults.h"
 #include "platform/linux/LinuxSystemApi.h"
 #include "platform/linux/LinuxTokenApi.h"
 
@@ -228,3 +230,18 @@ TEST(LinuxTokens, TheMainThreadImpersonatingLeavesTheProcessTokenAlone) {
 }  // namespace
 
 #endif  // !_WIN32
+
+// The rows of the result table a realm does not produce on demand: a broken clock, an expired ticket, an altered reply.
+TEST(KerberosResults, ClockTicketTimeAndAlteredReplies) {
+    using namespace ostrel::platform::linuxport;
+    using ostrel::platform::OM_uint32;
+    const OM_uint32 nFailure = 13u << 16;  // GSS_S_FAILURE: the minor code tells what went wrong
+    EXPECT_EQ(LogonResult(nFailure, krb5err::kSkew), SEC_E_TIME_SKEW);
+    EXPECT_EQ(InitiateResult(nFailure, krb5err::kSkew), SEC_E_TIME_SKEW);
+    for (OM_uint32 nMinor : {krb5err::kTicketExpired, krb5err::kTicketNotYetValid, krb5err::kSkew}) {
+        EXPECT_EQ(AcceptResult(nFailure, nMinor), SEC_E_LOGON_DENIED) << nMinor;
+    }
+    for (OM_uint32 nMinor : {krb5err::kBadIntegrity, krb5err::kModified}) {
+        EXPECT_EQ(InitiateResult(nFailure, nMinor), SEC_E_INVALID_TOKEN) << nMinor;
+    }
+}
