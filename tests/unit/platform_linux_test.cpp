@@ -227,10 +227,6 @@ TEST(LinuxTokens, TheMainThreadImpersonatingLeavesTheProcessTokenAlone) {
     EXPECT_TRUE(api.CloseHandle(hNobody));
 }
 
-}  // namespace
-
-#endif  // !_WIN32
-
 // The rows of the result table a realm does not produce on demand: a broken clock, an expired ticket, an altered reply.
 TEST(KerberosResults, ClockTicketTimeAndAlteredReplies) {
     using namespace ostrel::platform::linuxport;
@@ -245,3 +241,7 @@ TEST(KerberosResults, ClockTicketTimeAndAlteredReplies) {
         EXPECT_EQ(InitiateResult(nFailure, nMinor), SEC_E_INVALID_TOKEN) << nMinor;
     }
 }
+
+}  // namespace
+
+#endif  // !_WIN32
