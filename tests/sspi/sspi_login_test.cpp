@@ -197,6 +197,22 @@ TEST_F(Sspi, LogonInformationAndImpersonation) {
 }
 
 // The provider "GSSAPI" accepts what the realm's own library sends, here through the provider "SSPI"'s client.
+TEST_F(Sspi, WhatARealRealmRefuses) {
+    ASSERT_EQ(Init(), 0u);
+    const Bytes once = Start(alice, pw).token;
+    const std::tuple<const char*, Out, std::string> rows[] = {
+        {"wrong password", Start(alice, "wrong"), "3/50054"},
+        {"unknown service", Start(alice, pw, u"HTTP/nowhere"), "100/50047/HTTP/nowhere"},
+        {"no domain in the name", Start(Env("OSTREL_USER1"), pw), "100/47702"},
+        {"garbage", Accept(u"", {0x60, 0x01, 0x00, 0x42}), "100/42254"},
+        {"replay", (Accept(u"", once), Accept(u"", once)), "100/42254"},
+        {"a login half done, closed", Accept(Start(alice, pw).key, {}), "100/42254"},
+    };
+    for (const auto& [what, out, error] : rows) {
+        EXPECT_EQ(out.error, error) << what;
+    }
+}
+
 TEST_F(Sspi, GssapiAcceptsRealClientsAndKeepsLoginsApart) {
     ParasSeq spn{W(WP_SI_SERVER_SSPI_SPN_W), SSO_PARAM_STRING, 0, W(g_spn), nullptr};
     ASSERT_EQ(Init() + p.SSOInitProvider(SSO_PROVIDER_GSSAPI, &spn), 0u);
