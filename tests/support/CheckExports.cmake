@@ -2,17 +2,17 @@
 # tests use) or .def file (a DLL, read with objdump), and a DLL imports no DLL outside ALLOWED_IMPORTS (a ','-list,
 # without ".dll"): a runtime DLL left dynamic would stop the plug-in from loading on a machine without mingw.
 cmake_minimum_required(VERSION 3.25)
-file(READ ${EXPECTED} spec)
+file(READ ${EXPECTED} exportList)
 if(OBJDUMP)
-  string(REGEX REPLACE ";[^\n]*" "" spec "${spec}")
-  string(REGEX REPLACE "^.*\nEXPORTS[ \t]*\n" "" names "${spec}")
+  string(REGEX REPLACE ";[^\n]*" "" exportList "${exportList}")
+  string(REGEX REPLACE "^.*\nEXPORTS[ \t]*\n" "" names "${exportList}")
   string(REGEX MATCHALL "(^|\n)[ \t]*[A-Za-z_][A-Za-z0-9_]*" expected "${names}")
   execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE listing RESULT_VARIABLE rc)
   string(REGEX MATCH "\\[Ordinal/Name Pointer\\] Table[^\n]*\n([^\n]+\n)*" table "${listing}")
   string(REGEX MATCHALL "\\[ *[0-9]+\\] [A-Za-z_][A-Za-z0-9_]*" actual "${table}")
   string(REGEX REPLACE "\\[ *[0-9]+\\] " "" actual "${actual}")
 else()
-  string(REGEX MATCH "global:([^}]*)local:" globals "${spec}")
+  string(REGEX MATCH "global:([^}]*)local:" globals "${exportList}")
   string(REGEX MATCHALL "[A-Za-z_][A-Za-z0-9_]*" expected "${CMAKE_MATCH_1}")
   execute_process(COMMAND nm -D --defined-only ${LIBRARY} OUTPUT_VARIABLE listing RESULT_VARIABLE rc)
   # The version node itself is an absolute symbol (A), not code.
