@@ -9,7 +9,7 @@
 #include "authentication/ostrel/SSOException.h"
 #include "support/TraceCapture.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(OSTREL_SANITIZE_ADDRESS)
 #include <sanitizer/lsan_interface.h>
 #endif
 
@@ -73,7 +73,7 @@ TEST(ErrorRecords, EachThreadTakesItsOwnLastRecordOnce) {
 
 // Records never fetched, of threads that ended and of this one, are freed with the manager.
 TEST(ErrorRecords, RecordsNobodyFetchedDieWithTheManager) {
-#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(OSTREL_SANITIZE_ADDRESS)
     GTEST_SKIP() << "needs the leak checker (the asan preset)";
 #else
     CSmartRefCountPtr<ErrorManager> pManager{new ErrorManager()};
